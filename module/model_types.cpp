@@ -1,0 +1,177 @@
+// The six object types. Each model object owns one model block, each context
+// object one context block; the engine's Create/Destroy functions manage them.
+#include "../engine/corvina.h"
+#include "calls.h"
+#include "objects.h"
+
+namespace corvina {
+
+PyTypeObject PhoneContextType = {PyVarObject_HEAD_INIT(nullptr, 0)};
+PyTypeObject PhoneExtractorType = {PyVarObject_HEAD_INIT(nullptr, 0)};
+PyTypeObject PitchContextType = {PyVarObject_HEAD_INIT(nullptr, 0)};
+PyTypeObject PitchEstimatorType = {PyVarObject_HEAD_INIT(nullptr, 0)};
+PyTypeObject WaveformContextType = {PyVarObject_HEAD_INIT(nullptr, 0)};
+PyTypeObject WaveformGeneratorType = {PyVarObject_HEAD_INIT(nullptr, 0)};
+
+namespace {
+
+// What differs between the three models: their engine functions and types.
+struct Phone {
+  using Model = CorvinaPhoneExtractor;
+  using Context = CorvinaPhoneContext1;
+  static Model* Create() { return Corvina_CreatePhoneExtractor(); }
+  static void Destroy(Model* m) { Corvina_DestroyPhoneExtractor(m); }
+  static int Read(Model* m, const char* path) { return Corvina_ReadPhoneExtractorParameters(m, path); }
+  static Context* CreateContext() { return Corvina_CreatePhoneContext1(); }
+  static void DestroyContext(Context* c) { Corvina_DestroyPhoneContext1(c); }
+  static PyTypeObject* ContextType() { return &PhoneContextType; }
+};
+
+struct Pitch {
+  using Model = CorvinaPitchEstimator;
+  using Context = CorvinaPitchContext1;
+  static Model* Create() { return Corvina_CreatePitchEstimator(); }
+  static void Destroy(Model* m) { Corvina_DestroyPitchEstimator(m); }
+  static int Read(Model* m, const char* path) { return Corvina_ReadPitchEstimatorParameters(m, path); }
+  static Context* CreateContext() { return Corvina_CreatePitchContext1(); }
+  static void DestroyContext(Context* c) { Corvina_DestroyPitchContext1(c); }
+  static PyTypeObject* ContextType() { return &PitchContextType; }
+};
+
+struct Waveform {
+  using Model = CorvinaWaveformGenerator;
+  using Context = CorvinaWaveformContext1;
+  static Model* Create() { return Corvina_CreateWaveformGenerator(); }
+  static void Destroy(Model* m) { Corvina_DestroyWaveformGenerator(m); }
+  static int Read(Model* m, const char* path) { return Corvina_ReadWaveformGeneratorParameters(m, path); }
+  static Context* CreateContext() { return Corvina_CreateWaveformContext1(); }
+  static void DestroyContext(Context* c) { Corvina_DestroyWaveformContext1(c); }
+  static PyTypeObject* ContextType() { return &WaveformContextType; }
+};
+
+template <typename Kind>
+typename Kind::Model* BlockOf(ModelObject* self) {
+  return static_cast<typename Kind::Model*>(self->model);
+}
+
+// Arguments are ignored; calling it again frees the block it replaces.
+template <typename Kind>
+int ModelInit(PyObject* self, PyObject*, PyObject*) {
+  auto* object = reinterpret_cast<ModelObject*>(self);
+  typename Kind::Model* old = BlockOf<Kind>(object);
+  object->model = Kind::Create();
+  Kind::Destroy(old);
+  return 0;
+}
+
+template <typename Kind>
+void ModelDealloc(PyObject* self) {
+  Kind::Destroy(BlockOf<Kind>(reinterpret_cast<ModelObject*>(self)));
+  Py_TYPE(self)->tp_free(self);
+}
+
+template <typename Kind>
+PyObject* ReadParameters(PyObject* self, PyObject* args) {
+  PyObject* path = nullptr;
+  if (!PyArg_ParseTuple(args, "O&", PyUnicode_FSConverter, &path)) return nullptr;
+  void* model = ModelBlock(self);
+  if (model != nullptr) Kind::Read(static_cast<typename Kind::Model*>(model), PyBytes_AS_STRING(path));
+  Py_DECREF(path);
+  if (model == nullptr) return nullptr;
+  Py_RETURN_NONE;
+}
+
+template <typename Kind>
+PyObject* NewContext(PyObject*, PyObject* args) {
+  int length;
+  if (!PyArg_ParseTuple(args, "i", &length)) return nullptr;
+  if (length != 1) {
+    PyErr_SetString(PyExc_ValueError, "length != 1");
+    return nullptr;
+  }
+  ContextObject* context = PyObject_New(ContextObject, Kind::ContextType());
+  if (context == nullptr) return nullptr;
+  context->length = 1;
+  context->context = Kind::CreateContext();
+  return reinterpret_cast<PyObject*>(context);
+}
+
+// Any length is accepted; only length 1 gets an engine block. Calling it again
+// frees the block it replaces.
+template <typename Kind>
+int ContextInit(PyObject* self, PyObject* args, PyObject*) {
+  int length;
+  if (!PyArg_ParseTuple(args, "i", &length)) return -1;
+  auto* object = reinterpret_cast<ContextObject*>(self);
+  auto* old = static_cast<typename Kind::Context*>(object->context);
+  object->length = length;
+  object->context = length == 1 ? Kind::CreateContext() : nullptr;
+  Kind::DestroyContext(old);
+  return 0;
+}
+
+template <typename Kind>
+void ContextDealloc(PyObject* self) {
+  Kind::DestroyContext(static_cast<typename Kind::Context*>(reinterpret_cast<ContextObject*>(self)->context));
+  Py_TYPE(self)->tp_free(self);
+}
+
+template <typename Kind>
+PyMethodDef* ModelMethods() {
+  static PyMethodDef methods[] = {
+      {"read_parameters", ReadParameters<Kind>, METH_VARARGS, "Read parameters from file."},
+      {"new_context", NewContext<Kind>, METH_VARARGS, "Create new context."},
+      {nullptr, nullptr, 0, nullptr}};
+  return methods;
+}
+
+void DefineBase(PyTypeObject* type, const char* name, Py_ssize_t size) {
+  type->tp_name = name;
+  type->tp_basicsize = size;
+  type->tp_flags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE;
+  type->tp_new = PyType_GenericNew;
+}
+
+template <typename Kind>
+void DefineModel(PyTypeObject* type, const char* name, ternaryfunc call) {
+  DefineBase(type, name, sizeof(ModelObject));
+  type->tp_init = ModelInit<Kind>;
+  type->tp_dealloc = ModelDealloc<Kind>;
+  type->tp_methods = ModelMethods<Kind>();
+  type->tp_call = call;
+}
+
+template <typename Kind>
+void DefineContext(PyTypeObject* type, const char* name) {
+  DefineBase(type, name, sizeof(ContextObject));
+  type->tp_init = ContextInit<Kind>;
+  type->tp_dealloc = ContextDealloc<Kind>;
+}
+
+}  // namespace
+
+void DefineTypes() {
+  DefineContext<Phone>(&PhoneContextType, "corvina.PhoneContext");
+  DefineModel<Phone>(&PhoneExtractorType, "corvina.PhoneExtractor", PhoneExtractorCall);
+  DefineContext<Pitch>(&PitchContextType, "corvina.PitchContext");
+  DefineModel<Pitch>(&PitchEstimatorType, "corvina.PitchEstimator", PitchEstimatorCall);
+  DefineContext<Waveform>(&WaveformContextType, "corvina.WaveformContext");
+  DefineModel<Waveform>(&WaveformGeneratorType, "corvina.WaveformGenerator", WaveformGeneratorCall);
+}
+
+void* ContextBlock(PyObject* context) {
+  auto* object = reinterpret_cast<ContextObject*>(context);
+  if (object->length != 1 || object->context == nullptr) {
+    PyErr_SetString(PyExc_ValueError, "length != 1");
+    return nullptr;
+  }
+  return object->context;
+}
+
+void* ModelBlock(PyObject* model) {
+  void* block = reinterpret_cast<ModelObject*>(model)->model;
+  if (block == nullptr) PyErr_SetString(PyExc_RuntimeError, "model object was not initialised");
+  return block;
+}
+
+}  // namespace corvina

@@ -1,0 +1,71 @@
+// Module start-up: processor check, numpy binding, types and constants.
+// Compiled without vector ISA flags.
+#define CORVINA_BINDS_NUMPY
+#include "../engine/corvina.h"
+#include "cpu_check.h"
+#include "objects.h"
+
+namespace {
+
+PyMethodDef kMethods[] = {
+    {"read_speaker_embeddings", corvina::ReadSpeakerEmbeddings, METH_VARARGS, "Read speaker embeddings from file."},
+    {nullptr, nullptr, 0, nullptr}};
+
+PyModuleDef kModule = {PyModuleDef_HEAD_INIT, "corvina", nullptr, -1, kMethods, nullptr, nullptr, nullptr, nullptr};
+
+struct NamedType {
+  const char* name;
+  PyTypeObject* type;
+};
+
+const NamedType kTypes[] = {
+    {"PhoneContext", &corvina::PhoneContextType},       {"PhoneExtractor", &corvina::PhoneExtractorType},
+    {"PitchContext", &corvina::PitchContextType},       {"PitchEstimator", &corvina::PitchEstimatorType},
+    {"WaveformContext", &corvina::WaveformContextType}, {"WaveformGenerator", &corvina::WaveformGeneratorType},
+};
+
+const struct {
+  const char* name;
+  long value;
+} kConstants[] = {
+    {"IN_HOP_LENGTH", CORVINA_IN_HOP_LENGTH},
+    {"OUT_HOP_LENGTH", CORVINA_OUT_HOP_LENGTH},
+    {"PHONE_CHANNELS", CORVINA_PHONE_CHANNELS},
+    {"PITCH_BINS", CORVINA_PITCH_BINS},
+    {"PITCH_BINS_PER_OCTAVE", CORVINA_PITCH_BINS_PER_OCTAVE},
+    {"WAVEFORM_GENERATOR_HIDDEN_CHANNELS", CORVINA_WAVEFORM_GENERATOR_HIDDEN_CHANNELS},
+    {"IN_SAMPLE_RATE", CORVINA_IN_SAMPLE_RATE},
+    {"OUT_SAMPLE_RATE", CORVINA_OUT_SAMPLE_RATE},
+};
+
+}  // namespace
+
+PyMODINIT_FUNC PyInit_corvina(void) {
+  if (!corvina::CpuSupported()) {
+    PyErr_SetString(PyExc_ImportError, "Unsupported CPU.");
+    return nullptr;
+  }
+  // numpy's own import routine: module path, capsule, ABI and feature checks.
+  if (_import_array() < 0) {
+    PyErr_Print();
+    PyErr_SetString(PyExc_ImportError, "numpy.core.multiarray failed to import");
+    return nullptr;
+  }
+  corvina::DefineTypes();
+  for (const NamedType& entry : kTypes)
+    if (PyType_Ready(entry.type) < 0) return nullptr;
+
+  PyObject* module = PyModule_Create2(&kModule, 1013);
+  if (module == nullptr) return nullptr;
+  for (const NamedType& entry : kTypes) {
+    Py_INCREF(entry.type);
+    if (PyModule_AddObject(module, entry.name, reinterpret_cast<PyObject*>(entry.type)) < 0) {
+      Py_DECREF(entry.type);
+      Py_DECREF(module);
+      return nullptr;
+    }
+  }
+  for (const auto& constant : kConstants)
+    if (PyModule_AddIntConstant(module, constant.name, constant.value) < 0) return nullptr;
+  return module;
+}

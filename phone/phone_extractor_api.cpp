@@ -1,0 +1,35 @@
+// Exported entry points of the phone extractor. Compiled without vector ISA
+// flags: only the network itself (phone_network.cpp) uses AVX2.
+#include "../engine/aligned_block.h"
+#include "../engine/corvina.h"
+#include "phone_layout.h"
+#include "phone_parameters.h"
+
+using namespace corvina;
+
+static PhoneExtractorBlock* Model(CorvinaPhoneExtractor* model) {
+  return reinterpret_cast<PhoneExtractorBlock*>(model);
+}
+
+extern "C" {
+
+CorvinaPhoneExtractor* Corvina_CreatePhoneExtractor(void) {
+  return reinterpret_cast<CorvinaPhoneExtractor*>(NewZeroedBlock<PhoneExtractorBlock>());
+}
+
+void Corvina_DestroyPhoneExtractor(CorvinaPhoneExtractor* model) { DeleteBlock(Model(model)); }
+
+CorvinaPhoneContext1* Corvina_CreatePhoneContext1(void) {
+  return reinterpret_cast<CorvinaPhoneContext1*>(NewZeroedBlock<PhoneContext>());
+}
+
+void Corvina_DestroyPhoneContext1(CorvinaPhoneContext1* context) {
+  DeleteBlock(reinterpret_cast<PhoneContext*>(context));
+}
+
+int Corvina_ReadPhoneExtractorParameters(CorvinaPhoneExtractor* model, const char* path) {
+  ReadPhoneExtractorParameters(Model(model), path);
+  return 0;
+}
+
+}  // extern "C"
