@@ -1,0 +1,42 @@
+// Streaming layer kernels, in two builds with identical results:
+//   scalar::  the definition, plain loops in the order that fixes the result;
+//   avx2::    the same per-output order with 256-bit vectors (the engine's path).
+// Every matrix product starts from the bias and accumulates with fused
+// multiply-adds over the inputs in ascending order, 32 outputs (one Panel32
+// panel) at a time. Kernels read weights and their input, and write only
+// their slot; all state lives in the caller's context.
+#pragma once
+#include "half.h"
+#include "shared_layout.h"
+
+namespace corvina {
+
+// Normalisation statistics over n values: sums in double precision (squares
+// formed in single), var = E[x^2] + 1e-5 - mean^2, r = 1/sqrt(var) and
+// s = -mean * r, both rounded to single. The normalised value is x * r + s.
+void NormalizationCoefficients(const float* x, int n, float* r, float* s);
+
+#define CORVINA_DECLARE_KERNELS                                                                         \
+  /* y[o] += sum_i W[o][i] x[i] for a Panel32 matrix; outputs a multiple of 32. */                      \
+  void PanelAccumulate(const f16* weight, const float* x, float* y, int outputs, int inputs);            \
+  /* y = bias + W x. */                                                                                  \
+  void PanelProduct(const f16* weight, const f16* bias, const float* x, float* y, int outputs, int inputs); \
+  /* In place, n a multiple of 8. */                                                                     \
+  void GeluInPlace(float* x, int n);                                                                     \
+  void SiluInPlace(float* x, int n);                                                                     \
+  void Normalize(float* x, int n);                                                                       \
+  /* Normalise, then x * scale + shift as one fused multiply-add. */                                     \
+  void NormalizeScaleShift(float* x, const f16* scale, const f16* shift, int n);                        \
+  float* DenseLayer(const Dense256Weights& weights, const float* x, DenseSlot* slot);                    \
+  float* CausalConv7Layer(const CausalConv7Weights& weights, const float* x, CausalConv7Slot* slot);     \
+  void ResidualConvBlock(const ResidualConvBlockWeights& weights, const float* x, ResidualConvBlockSlot* slot);
+
+namespace scalar {
+CORVINA_DECLARE_KERNELS
+}
+namespace avx2 {
+CORVINA_DECLARE_KERNELS
+}
+#undef CORVINA_DECLARE_KERNELS
+
+}  // namespace corvina

@@ -1,0 +1,50 @@
+// 8-lane activations and half-precision loads. Included only by files built
+// for AVX2/FMA/F16C; each helper matches its scalar twin in
+// activations_scalar.h bit for bit.
+#pragma once
+#include <immintrin.h>
+
+#include "exp_table.h"
+#include "half.h"
+
+namespace corvina {
+namespace {  // internal linkage: these copies use vector instructions
+
+inline __m256 LoadHalf8(const f16* p) {
+  return _mm256_cvtph_ps(_mm_load_si128(reinterpret_cast<const __m128i*>(p)));
+}
+
+inline __m256 LoadHalf8Unaligned(const f16* p) {
+  return _mm256_cvtph_ps(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
+}
+
+inline __m256 ExpTable8(__m256 v) {
+  v = _mm256_min_ps(v, _mm256_set1_ps(kExpUpperClamp));
+  v = _mm256_max_ps(v, _mm256_set1_ps(kExpLowerClamp));
+  const __m256i k = _mm256_cvtps_epi32(_mm256_mul_ps(v, _mm256_set1_ps(kExpScale)));
+  const __m256 mantissa =
+      _mm256_i32gather_ps(g_exp_mantissa, _mm256_and_si256(k, _mm256_set1_epi32(kExpIndexMask)), 4);
+  const __m256i exponent = _mm256_and_si256(_mm256_slli_epi32(_mm256_add_epi32(k, _mm256_set1_epi32(kExpBias)), 13),
+                                            _mm256_set1_epi32(static_cast<int>(0xFF800000u)));
+  const __m256i bits = _mm256_or_si256(
+      _mm256_and_si256(_mm256_castps_si256(mantissa), _mm256_set1_epi32(0x007FFFFF)), exponent);
+  const __m256 one_plus_r = _mm256_fnmadd_ps(_mm256_cvtepi32_ps(k), _mm256_set1_ps(kExpStep),
+                                             _mm256_add_ps(v, _mm256_set1_ps(1.0f)));
+  return _mm256_mul_ps(_mm256_castsi256_ps(bits), one_plus_r);
+}
+
+inline __m256 Sigmoid8(__m256 x) {
+  const __m256 negated = _mm256_xor_ps(x, _mm256_set1_ps(-0.0f));
+  return _mm256_rcp_ps(_mm256_add_ps(_mm256_set1_ps(1.0f), ExpTable8(negated)));
+}
+
+inline __m256 RecurrentTanh8(__m256 a) {
+  const __m256 e = ExpTable8(_mm256_mul_ps(a, _mm256_set1_ps(-2.0f)));
+  return _mm256_fmsub_ps(_mm256_set1_ps(2.0f), _mm256_rcp_ps(_mm256_add_ps(_mm256_set1_ps(1.0f), e)),
+                         _mm256_set1_ps(1.0f));
+}
+
+inline __m256 Silu8(__m256 x) { return _mm256_mul_ps(x, Sigmoid8(x)); }
+
+}  // namespace
+}  // namespace corvina

@@ -1,0 +1,50 @@
+// Counts heap allocations made by this process, through every route glibc
+// offers (malloc and friends; operator new ends in malloc). Include it in
+// exactly one translation unit of a test program.
+#pragma once
+#include <cstddef>
+#include <cstdint>
+
+extern "C" {
+void* __libc_malloc(std::size_t);
+void* __libc_calloc(std::size_t, std::size_t);
+void* __libc_realloc(void*, std::size_t);
+void* __libc_memalign(std::size_t, std::size_t);
+void __libc_free(void*);
+}
+
+namespace alloc_counter {
+inline std::uint64_t& Count() {
+  static std::uint64_t count = 0;
+  return count;
+}
+}  // namespace alloc_counter
+
+extern "C" {
+void* malloc(std::size_t size) {
+  ++alloc_counter::Count();
+  return __libc_malloc(size);
+}
+void* calloc(std::size_t n, std::size_t size) {
+  ++alloc_counter::Count();
+  return __libc_calloc(n, size);
+}
+void* realloc(void* p, std::size_t size) {
+  ++alloc_counter::Count();
+  return __libc_realloc(p, size);
+}
+void* memalign(std::size_t alignment, std::size_t size) {
+  ++alloc_counter::Count();
+  return __libc_memalign(alignment, size);
+}
+void* aligned_alloc(std::size_t alignment, std::size_t size) {
+  ++alloc_counter::Count();
+  return __libc_memalign(alignment, size);
+}
+int posix_memalign(void** out, std::size_t alignment, std::size_t size) {
+  ++alloc_counter::Count();
+  *out = __libc_memalign(alignment, size);
+  return *out ? 0 : 12;
+}
+void free(void* p) { __libc_free(p); }
+}

@@ -1,0 +1,235 @@
+"""Float64 reference of the pitch estimator, computed over a whole stream.
+
+The front end uses a direct DFT over each 560-sample history and direct
+lag sums of squared differences (the engine uses FFTs and a running
+energy). The network runs its causal convolutions over the whole,
+zero-padded sequence of frame vectors instead of rings. The decoder
+follows the engine's tie rules in float64.
+"""
+from collections import namedtuple
+
+import numpy as np
+
+HOP = 160
+HISTORY = 560
+NEWEST = 304                      # samples compared in the lag sums
+MAX_LAG = 256
+SPECTRAL_BINS = 64
+HIDDEN = 192
+EXPANDED = 576
+BLOCKS = 6
+CONV_TAPS = 3
+DEPTHWISE_TAPS = 33
+PITCH_BINS = 384
+BINS_PER_OCTAVE = 96
+WINDOW = 48
+WINDOWS = PITCH_BINS - WINDOW + 1  # 337 window sums, j = 0..336
+LOG_EPS = 1e-5
+NORM_EPS = 1e-5
+
+FAULTS = ("conv_taps_reversed", "depthwise_taps_reversed", "lag_off_by_one", "phase_sine_negated")
+
+
+def _tensor_list():
+    tensors = [
+        ("spectral_in.weight", (HIDDEN, HIDDEN)), ("spectral_in.bias", (HIDDEN,)),
+        ("spectral_out.weight", (HIDDEN, HIDDEN)), ("spectral_out.bias", (HIDDEN,)),
+        ("lag_in.weight", (HIDDEN, MAX_LAG)), ("lag_in.bias", (HIDDEN,)),
+        ("lag_out.weight", (HIDDEN, HIDDEN)), ("lag_out.bias", (HIDDEN,)),
+        ("conv.weight", (HIDDEN, HIDDEN, CONV_TAPS)), ("conv.bias", (HIDDEN,)),
+        ("conv_norm.scale", (HIDDEN,)), ("conv_norm.shift", (HIDDEN,)),
+    ]
+    for n in range(BLOCKS):
+        tensors += [
+            (f"block{n}.depthwise.weight", (HIDDEN, DEPTHWISE_TAPS)), (f"block{n}.depthwise.bias", (HIDDEN,)),
+            (f"block{n}.expand.weight", (EXPANDED, HIDDEN)), (f"block{n}.expand.bias", (EXPANDED,)),
+            (f"block{n}.project.weight", (HIDDEN, EXPANDED)), (f"block{n}.project.bias", (HIDDEN,)),
+        ]
+    tensors += [
+        ("out_norm.scale", (HIDDEN,)), ("out_norm.shift", (HIDDEN,)),
+        ("head.weight", (PITCH_BINS, HIDDEN)), ("head.bias", (PITCH_BINS,)),
+    ]
+    return tensors
+
+
+TENSORS = _tensor_list()
+FILE_BYTES = 2 * sum(int(np.prod(shape)) for _, shape in TENSORS)
+assert FILE_BYTES == 3434112
+
+
+def random_parameters(seed):
+    """Well-conditioned random weights (float16) that give peaked, input-dependent scores."""
+    rng = np.random.default_rng(seed)
+
+    def normal(shape, std):
+        return (rng.standard_normal(shape) * std).astype(np.float16)
+
+    # Gains: the lag features are small (about 0.1..0.5), so their input
+    # layer gets a larger gain; the residual projections are kept modest so
+    # six blocks do not swamp the block input; the head gain makes the
+    # softmax peaked without being one-hot.
+    matrix_gain = {"spectral_in": 1.0, "spectral_out": 1.0, "lag_in": 4.0, "lag_out": 1.0,
+                   "conv": 1.0, "expand": 1.5, "project": 0.6, "head": 3.0}
+    params = {}
+    for name, shape in TENSORS:
+        layer, kind = name.rsplit(".", 1)
+        layer = layer.split(".")[-1]
+        if kind == "weight" and layer == "depthwise":
+            params[name] = normal(shape, 1.0 / np.sqrt(DEPTHWISE_TAPS))
+        elif kind == "weight":
+            fan_in = int(np.prod(shape[1:]))
+            params[name] = normal(shape, matrix_gain[layer] / np.sqrt(fan_in))
+        elif kind == "scale":
+            params[name] = (1.0 + rng.standard_normal(shape) * 0.1).astype(np.float16)
+        else:  # biases and shifts
+            params[name] = normal(shape, 0.1)
+    return params
+
+
+def write_parameters(params, path):
+    """Write the tensors in file order as little-endian float16."""
+    blob = b"".join(np.asarray(params[name], dtype="<f2").reshape(shape).tobytes()
+                    for name, shape in TENSORS)
+    assert len(blob) == FILE_BYTES
+    with open(path, "wb") as f:
+        f.write(blob)
+
+
+# ---------------------------------------------------------------- front end
+
+def _histories(signal):
+    """(n, 560) history seen by each frame, zero before the stream start."""
+    x = np.asarray(signal, dtype=np.float64)
+    n = len(x) // HOP
+    padded = np.concatenate([np.zeros(HISTORY - HOP), x[: n * HOP]])
+    return padded[np.arange(n)[:, None] * HOP + np.arange(HISTORY)[None, :]]
+
+
+def front_end(signal, fault=None):
+    """Spectral features (n, 192), lag features (n, 256), loudness (n,)."""
+    hist = _histories(signal)
+    n = len(hist)
+    # Reduce m*k modulo 560 so the twiddles are exact to float64 rounding.
+    mk = np.outer(np.arange(HISTORY), np.arange(SPECTRAL_BINS)) % HISTORY
+    spectrum = hist @ np.exp(-2j * np.pi * mk / HISTORY)
+    previous = np.vstack([np.zeros((1, SPECTRAL_BINS), complex), spectrum[:-1]])
+    advance = spectrum * np.conj(previous)
+    if fault == "phase_sine_negated":
+        advance = np.conj(advance)
+    g = 1.0 / (np.hypot(advance.real, advance.imag) + LOG_EPS)
+    spectral = np.hstack([np.log10(np.abs(spectrum) + LOG_EPS), advance.real * g, advance.imag * g])
+
+    newest = hist[:, HISTORY - NEWEST:]
+    lag = np.empty((n, MAX_LAG))
+    shift = -1 if fault == "lag_off_by_one" else 0
+    for ell in range(1, MAX_LAG + 1):
+        l = ell + shift
+        diff = newest - hist[:, HISTORY - NEWEST - l: HISTORY - l]
+        lag[:, ell - 1] = np.sqrt(np.sum(diff * diff, axis=1) * (2.0 / NEWEST))
+    loudness = 0.5 * np.log10(np.sum(newest * newest, axis=1) + LOG_EPS)
+    return spectral, lag, loudness
+
+
+# ------------------------------------------------------------------ network
+
+def _gelu(x):
+    return 0.5 * x + 0.5 * x * np.tanh(0.7978846 * (x + 0.044715 * x ** 3))
+
+
+def _norm(x, scale=None, shift=None):
+    mean = x.sum(axis=-1, keepdims=True) / HIDDEN
+    var = (x * x).sum(axis=-1, keepdims=True) / HIDDEN + NORM_EPS - mean * mean
+    r = 1.0 / np.sqrt(var)
+    y = x * r - mean * r
+    return y if scale is None else y * scale + shift
+
+
+def _dense(x, w, b):
+    return x @ w.T + b
+
+
+def _causal(seq, taps):
+    """Per tap k of `taps`, the sequence of frames it meets: frame t - (taps - 1 - k), zero before the start."""
+    padded = np.vstack([np.zeros((taps - 1, seq.shape[1]), seq.dtype), seq])
+    return [padded[k: k + len(seq)] for k in range(taps)]
+
+
+def network(params, spectral, lag, fault=None, dtype=np.float64):
+    """Scores (n, 384) for a whole stream of front-end features.
+
+    dtype=np.float32 runs every step in single precision; tests use that as
+    a stand-in for the engine's rounding.
+    """
+    p = {name: np.asarray(value, dtype=dtype) for name, value in params.items()}
+    spectral = np.asarray(spectral, dtype=dtype)
+    lag = np.asarray(lag, dtype=dtype)
+
+    a = _gelu(_dense(spectral, p["spectral_in.weight"], p["spectral_in.bias"]))
+    h = _dense(a, p["spectral_out.weight"], p["spectral_out.bias"])
+    c = _gelu(_dense(lag, p["lag_in.weight"], p["lag_in.bias"]))
+    h = h + _dense(c, p["lag_out.weight"], p["lag_out.bias"])
+
+    # Tap 0 meets the frame two ago, tap 2 the current one.
+    planes = [p["conv.weight"][:, :, t] for t in range(CONV_TAPS)]
+    if fault == "conv_taps_reversed":
+        planes = planes[::-1]
+    y = p["conv.bias"] + sum(past @ plane.T for past, plane in zip(_causal(h, CONV_TAPS), planes))
+    x = _norm(y, p["conv_norm.scale"], p["conv_norm.shift"])
+
+    for n in range(BLOCKS):
+        kernel = p[f"block{n}.depthwise.weight"]          # (channel, tap); tap 0 meets 32 frames ago
+        if fault == "depthwise_taps_reversed":
+            kernel = kernel[:, ::-1]
+        u = p[f"block{n}.depthwise.bias"] + sum(
+            past * kernel[:, t] for t, past in enumerate(_causal(x, DEPTHWISE_TAPS)))
+        z = _gelu(_dense(_norm(u), p[f"block{n}.expand.weight"], p[f"block{n}.expand.bias"]))
+        x = x + _dense(z, p[f"block{n}.project.weight"], p[f"block{n}.project.bias"])
+
+    x = _norm(x, p["out_norm.scale"], p["out_norm.shift"])
+    return _dense(x, p["head.weight"], p["head.bias"])
+
+
+# ------------------------------------------------------------------ decoder
+
+Decoded = namedtuple("Decoded", "pitch p0 lower_ratio upper_ratio window window_sums probabilities")
+
+
+def decode(scores):
+    """Quantised pitch and [p0, lower ratio, upper ratio] for one frame of 384 scores.
+
+    `probabilities` has bin 0 overwritten with -100, as the window sums see it.
+    """
+    s = np.asarray(scores, dtype=np.float64)
+    m = np.max(s)
+    log_total = m + np.log(np.sum(np.exp(s - m)))
+    p = np.exp(s - log_total)
+    p0 = p[0]
+    p[0] = -100.0   # bin 0 is reported apart and never chosen
+    first = np.sum(p[1:WINDOW]) + p[0]
+    # Running sum, strictly left to right: W[j + 1] = W[j] + (p[j + 48] - p[j]).
+    sums = np.add.accumulate(np.concatenate([[first], p[WINDOW:] - p[:WINDOWS - 1]]))
+    j = int(np.argmax(sums))                      # first maximum: lowest index wins ties
+    best = sums[j]
+    with np.errstate(invalid="ignore"):        # all mass on bin 0 leaves Wmax = 0: 0 / 0
+        lower = sums[j - BINS_PER_OCTAVE] / best if j >= BINS_PER_OCTAVE + 1 else 0.0
+        upper = sums[j + BINS_PER_OCTAVE] / best if j <= WINDOWS - 1 - BINS_PER_OCTAVE else 0.0
+    pitch = j + int(np.argmax(p[j: j + WINDOW]))   # earliest bin wins ties
+    return Decoded(pitch, p0, lower, upper, j, sums, p)
+
+
+# ------------------------------------------------------------------- stream
+
+PitchOutputs = namedtuple("PitchOutputs", "spectral lag loudness scores pitch features window window_sums")
+
+
+def estimate_pitch(params, signal, fault=None, dtype=np.float64):
+    """Whole-stream reference: per-frame features, scores, pitch and pitch features."""
+    spectral, lag, loudness = front_end(signal, fault)
+    scores = network(params, spectral, lag, fault, dtype)
+    decoded = [decode(row) for row in scores]
+    pitch = np.array([d.pitch for d in decoded], dtype=np.int64)
+    features = np.column_stack([loudness] + [[getattr(d, f) for d in decoded]
+                                             for f in ("p0", "lower_ratio", "upper_ratio")])
+    return PitchOutputs(spectral, lag, loudness, scores, pitch, features,
+                        np.array([d.window for d in decoded]),
+                        np.array([d.window_sums for d in decoded]))

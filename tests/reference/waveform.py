@@ -1,0 +1,372 @@
+"""Float64 whole-stream model of the waveform generator.
+
+Every stage runs over the entire stream at once: causal convolutions over
+the zero-padded frame or sub-step sequence, the two upsamplers as
+transposed-convolution scatter-adds (what the engine's carry rings emulate),
+the overlap-add and the band merge over the whole band signal. Only the
+phase recurrent unit is a loop. Zero history before the stream start is
+zero padding at the start of each sequence.
+
+Inputs are per-frame rows: phone (n, 256), qpitch (n,), pfeat (n, 4),
+speaker (n, 256). Output: n * 240 samples at 24 kHz.
+"""
+import numpy as np
+
+HIDDEN = 256
+PITCH_BINS = 384
+HOP = 240
+STAGE1_CHANNELS, STAGE1_STEPS = 128, 5
+STAGE2_CHANNELS, STAGE2_STEPS = 64, 15
+BANDS, BINS, FFT_LEN, FFT_HOP, MERGE_TAPS = 4, 9, 16, 4, 63
+GRU_HIDDEN = 128
+STACK_KERNELS = (3, 7, 11)
+# Dilation of the six convolutions of one residual block, in file order.
+STACK_DILATIONS = (1, 1, 3, 1, 5, 1)
+
+WINDOW = np.sin(np.pi * np.arange(FFT_LEN) / FFT_LEN) ** 2
+OVERLAP_NORM = 2.0 / 3.0
+BAND_GAIN = 4.0
+PHASE_EPS = 1e-6
+
+FAULTS = (
+    "gru_gates_swapped",      # reset and update gate rows exchanged
+    "merge_taps_reversed",    # band filter applied oldest-tap-first
+    "upsample1_carry_late",   # taps 5..9 land one sub-step later
+    "overlap_emit_early",     # hop emitted before the current frame is added
+)
+
+
+def _stack_tensors(stage, channels):
+    out = []
+    for k in STACK_KERNELS:
+        for j in range(6):
+            name = f"stack{stage}.k{k}.conv{j}"
+            out += [(name + ".weight", (channels, channels, k)), (name + ".bias", (channels,))]
+    return out
+
+
+def _block_tensors(j):
+    p = f"block{j}."
+    return [
+        (p + "depthwise.weight", (HIDDEN, 17)), (p + "depthwise.bias", (HIDDEN,)),
+        (p + "pointwise1.weight", (3 * HIDDEN, HIDDEN)), (p + "pointwise1.bias", (3 * HIDDEN,)),
+        (p + "pointwise2.weight", (HIDDEN, 3 * HIDDEN)), (p + "pointwise2.bias", (HIDDEN,)),
+    ]
+
+
+TENSORS = (
+    [("phone_proj.weight", (HIDDEN, HIDDEN)), ("phone_proj.bias", (HIDDEN,)),
+     ("pitch_embedding", (PITCH_BINS, HIDDEN)),
+     ("pitch_feat_proj.weight", (HIDDEN, 4)), ("pitch_feat_proj.bias", (HIDDEN,)),
+     ("pre_conv.weight", (HIDDEN, HIDDEN, 7)), ("pre_conv.bias", (HIDDEN,)),
+     ("norm1.scale", (HIDDEN,)), ("norm1.shift", (HIDDEN,))]
+    + [t for j in range(4) for t in _block_tensors(j)]
+    + [("norm2.scale", (HIDDEN,)), ("norm2.shift", (HIDDEN,)),
+       ("post_conv.weight", (HIDDEN, HIDDEN, 7)), ("post_conv.bias", (HIDDEN,)),
+       ("upsample1.weight", (STAGE1_CHANNELS, HIDDEN, 10)), ("upsample1.bias", (STAGE1_CHANNELS,)),
+       ("upsample2.weight", (STAGE2_CHANNELS, STAGE1_CHANNELS, 6)), ("upsample2.bias", (STAGE2_CHANNELS,))]
+    + _stack_tensors(1, STAGE1_CHANNELS)
+    + _stack_tensors(2, STAGE2_CHANNELS)
+    + [("logmag.weight", (BANDS * BINS, STAGE2_CHANNELS, 7)), ("logmag.bias", (BANDS * BINS,)),
+       ("gru.weight_ih", (3 * GRU_HIDDEN, STAGE2_CHANNELS)), ("gru.bias_ih", (3 * GRU_HIDDEN,)),
+       ("gru.weight_hh", (3 * GRU_HIDDEN, GRU_HIDDEN)), ("gru.bias_hh", (3 * GRU_HIDDEN,)),
+       ("band_filter", (BANDS, MERGE_TAPS))]
+)
+FILE_BYTES = 2 * sum(int(np.prod(shape)) for _, shape in TENSORS)
+assert len(TENSORS) == 120 and FILE_BYTES == 11463360
+
+
+# ---------------------------------------------------------------- parameters
+
+def random_parameters(seed):
+    """Well-conditioned random weights (float16) for every tensor.
+
+    Matrices are scaled by 1/sqrt(fan_in) times a per-layer gain chosen so
+    that activations stay of order one, the recurrent unit neither saturates
+    nor dies, and the log-magnitudes stay near exp(-1).
+    """
+    rng = np.random.default_rng(seed)
+
+    def normal(shape, std, mean=0.0):
+        return mean + std * rng.standard_normal(shape)
+
+    p = {}
+    for name, shape in TENSORS:
+        if name.endswith(".bias") or ".bias_" in name:
+            value = normal(shape, 0.05)
+        elif name.endswith(".scale"):
+            value = normal(shape, 0.1, 1.0)
+        elif name.endswith(".shift"):
+            value = normal(shape, 0.05)
+        elif name == "pitch_embedding":
+            value = normal(shape, 0.5)
+        elif name == "band_filter":
+            # Random, not symmetric: a linear-phase filter would hide a
+            # reversed tap order. 16 of 63 taps meet a non-zero sample.
+            value = normal(shape, 1.0 / np.sqrt(16))
+        elif name.startswith("block") and "depthwise" in name:
+            value = normal(shape, 1.0 / np.sqrt(17))
+        else:
+            fan_in = int(np.prod(shape[1:]))
+            gain = _gain(name)
+            if name.startswith(("upsample1", "upsample2")):
+                fan_in //= shape[2] // 2  # each output sub-step meets 2 taps
+            value = normal(shape, gain / np.sqrt(fan_in))
+        p[name] = value.astype(np.float16)
+    p["logmag.bias"] = normal(BANDS * BINS, 0.3, -1.0).astype(np.float16)
+    # The phase of bin k is the direction of the state pair (2k, 2k+1); an
+    # offset on the first unit of each pair keeps the pair off the origin,
+    # where its direction would hang on rounding, while the input still
+    # turns it.
+    offset = np.zeros(3 * GRU_HIDDEN)
+    offset[2 * GRU_HIDDEN: 2 * GRU_HIDDEN + 2 * BANDS * BINS: 2] = rng.choice([-2.5, 2.5], BANDS * BINS)
+    p["gru.bias_ih"] = (p["gru.bias_ih"] + offset).astype(np.float16)
+    return p
+
+
+# Gains of the 1/sqrt(fan_in) weights, by name prefix (first match wins).
+_GAINS = (
+    ("block", 0.5),       # depthwise is set apart; pointwise2 adds to the residual
+    ("stack", 0.8),
+    ("logmag", 1.0),
+    ("gru.weight_ih", 3.0),   # input-driven phases that turn over time
+    ("gru.weight_hh", 0.6),   # contracting recurrence: errors fade
+)
+
+
+def _gain(name):
+    if name.endswith("pointwise1.weight"):
+        return 1.0
+    return next((g for prefix, g in _GAINS if name.startswith(prefix)), 1.0)
+
+
+def _check_shapes(params):
+    for name, shape in TENSORS:
+        if params[name].shape != shape:
+            raise ValueError(f"{name}: shape {params[name].shape} != {shape}")
+
+
+def write_parameters(params, path):
+    """Write the flat float16 file in file order."""
+    _check_shapes(params)
+    data = b"".join(np.ascontiguousarray(params[name], dtype="<f2").tobytes() for name, _ in TENSORS)
+    assert len(data) == FILE_BYTES
+    with open(path, "wb") as f:
+        f.write(data)
+
+
+def write_speakers(embeddings, path):
+    """Write an (n, 256) speaker file: headerless float16, 512 bytes a row."""
+    rows = np.asarray(embeddings, dtype=np.float64)
+    if rows.ndim != 2 or rows.shape[1] != HIDDEN:
+        raise ValueError("embeddings must have shape (n, 256)")
+    with open(path, "wb") as f:
+        f.write(rows.astype("<f2").tobytes())
+
+
+def _widen(params):
+    return {name: np.asarray(params[name], dtype=np.float64) for name, _ in TENSORS}
+
+
+# ---------------------------------------------------------------- activations
+
+def sigmoid(x):
+    return 0.5 * (1.0 + np.tanh(0.5 * x))
+
+
+def silu(x):
+    return x * sigmoid(x)
+
+
+def gelu_tanh(x):
+    return 0.5 * x * (1.0 + np.tanh(0.7978845608028654 * (x + 0.044715 * x**3)))
+
+
+# ---------------------------------------------------------------- frame network
+
+def causal_conv(x, weight, bias, dilation=1):
+    """Causal convolution over a (T, in) sequence; weight [out][in][k].
+
+    Tap k meets step t - (K - 1 - k) * dilation: the last tap is the newest.
+    """
+    k_size = weight.shape[2]
+    pad = (k_size - 1) * dilation
+    xp = np.concatenate([np.zeros((pad, x.shape[1])), x])
+    y = np.broadcast_to(bias, (len(x), weight.shape[0])).copy()
+    for k in range(k_size):
+        y += xp[k * dilation: k * dilation + len(x)] @ weight[:, :, k].T
+    return y
+
+
+def _normalise(x):
+    mean = x.mean(axis=1, keepdims=True)
+    var = (x * x).mean(axis=1, keepdims=True) + 1e-5 - mean**2
+    r = 1.0 / np.sqrt(var)
+    return x * r - mean * r
+
+
+def _residual_conv_block(x, p, j):
+    pre = f"block{j}."
+    depthwise = p[pre + "depthwise.weight"]            # [ch][17], tap 16 newest
+    xp = np.concatenate([np.zeros((16, HIDDEN)), x])
+    m = np.broadcast_to(p[pre + "depthwise.bias"], x.shape).copy()
+    for t in range(17):
+        m += depthwise[:, t] * xp[t: t + len(x)]
+    h = gelu_tanh(_normalise(m) @ p[pre + "pointwise1.weight"].T + p[pre + "pointwise1.bias"])
+    return h @ p[pre + "pointwise2.weight"].T + p[pre + "pointwise2.bias"] + x
+
+
+def frame_network(p, phone, qpitch, pfeat, speaker):
+    """Frame-rate network: (n, 256) activated output of the post-convolution."""
+    x = (phone @ p["phone_proj.weight"].T + p["phone_proj.bias"]
+         + p["pitch_embedding"][np.asarray(qpitch)]
+         + pfeat @ p["pitch_feat_proj.weight"].T + p["pitch_feat_proj.bias"]
+         + speaker)
+    x = causal_conv(silu(x), p["pre_conv.weight"], p["pre_conv.bias"])
+    x = _normalise(x) * p["norm1.scale"] + p["norm1.shift"]
+    for j in range(4):
+        x = _residual_conv_block(x, p, j)
+    x = _normalise(x) * p["norm2.scale"] + p["norm2.shift"]
+    return silu(causal_conv(x, p["post_conv.weight"], p["post_conv.bias"]))
+
+
+# ---------------------------------------------------------------- upsampling
+
+def transposed_conv(x, weight, bias, stride, carry_shift=0):
+    """Transposed convolution, output truncated to len(x) * stride steps.
+
+    Input step i adds weight[:, :, t] @ x[i] to output step stride * i + t;
+    contributions past the end wait for frames not yet given and are dropped.
+    weight is [out][in][k].
+    """
+    n_out = len(x) * stride
+    y = np.zeros((n_out + weight.shape[2] + carry_shift, weight.shape[0]))
+    for t in range(weight.shape[2]):
+        # carry_shift models a misplaced carry (planted fault only).
+        at = t + (carry_shift if t >= stride else 0)
+        y[at: at + n_out: stride] += x @ weight[:, :, t].T
+    return y[:n_out] + bias
+
+
+# ---------------------------------------------------------------- residual stacks
+
+def residual_stack(x, p, stage):
+    """Mean of the kernel-3, -7 and -11 residual blocks over a (T, N) sequence."""
+    results = {}
+    for k in STACK_KERNELS:
+        def conv(j, v):
+            name = f"stack{stage}.k{k}.conv{j}"
+            return causal_conv(v, p[name + ".weight"], p[name + ".bias"], STACK_DILATIONS[j])
+
+        r = x
+        for s in range(3):
+            a = silu(conv(2 * s, silu(r)))
+            r = r + conv(2 * s + 1, a)
+        results[k] = r
+    return ((results[11] + results[3]) + results[7]) * (1.0 / 3.0)
+
+
+# ---------------------------------------------------------------- synthesis
+
+def phase_states(p, x, fault=None):
+    """Phase recurrent unit over the (T, 64) sub-steps: (T, 128) states."""
+    w_hh, b_hh = p["gru.weight_hh"], p["gru.bias_hh"]
+    gi_all = x @ p["gru.weight_ih"].T + p["gru.bias_ih"]
+    first, second = (1, 0) if fault == "gru_gates_swapped" else (0, 1)
+    g = GRU_HIDDEN
+    h = np.zeros(g)
+    states = np.empty((len(x), g))
+    for s, gi in enumerate(gi_all):
+        gh = w_hh @ h + b_hh
+        r = sigmoid(gi[first * g:(first + 1) * g] + gh[first * g:(first + 1) * g])
+        z = sigmoid(gi[second * g:(second + 1) * g] + gh[second * g:(second + 1) * g])
+        n = np.tanh(gi[2 * g:] + r * gh[2 * g:])
+        h = (1.0 - z) * n + z * h
+        states[s] = h
+    return states
+
+
+def spectra(p, x, fault=None):
+    """Complex spectra (T, 36): magnitudes from the log-magnitude convolution,
+    directions from pairs of the recurrent state."""
+    magnitude = np.exp(causal_conv(x, p["logmag.weight"], p["logmag.bias"]))
+    h = phase_states(p, x, fault)
+    c = h[:, 0:72:2] + 1j * h[:, 1:72:2]
+    return c * magnitude / (np.abs(c) + PHASE_EPS)
+
+
+def band_signals(spec, fault=None):
+    """Overlap-add of the windowed 16-point inverse transforms: (4, 4 T).
+
+    Frame i covers band positions 4 i .. 4 i + 15; band sample n is complete
+    once frame n // 4 has been added, so it holds frames n//4 - 3 .. n//4.
+    """
+    n_sub = spec.shape[0]
+    bins = spec.reshape(n_sub, BANDS, BINS).copy()
+    bins[:, :, 0] = bins[:, :, 0].real        # imaginary parts of bins 0 and 8
+    bins[:, :, BINS - 1] = bins[:, :, BINS - 1].real   # play no part
+    frames = np.fft.irfft(bins, n=FFT_LEN, axis=2) * WINDOW   # 1/16 scale included
+    buffer = np.zeros((BANDS, FFT_HOP * n_sub + FFT_LEN))
+    for j in range(FFT_LEN // FFT_HOP):
+        # Part j of frame i lands at positions 4 (i + j) .. 4 (i + j) + 3.
+        part = frames[:, :, FFT_HOP * j: FFT_HOP * (j + 1)].transpose(1, 0, 2).reshape(BANDS, -1)
+        buffer[:, FFT_HOP * j: FFT_HOP * j + part.shape[1]] += part
+    if fault == "overlap_emit_early":
+        buffer = np.concatenate([np.zeros((BANDS, FFT_HOP)), buffer], axis=1)
+    return buffer[:, : FFT_HOP * n_sub] * OVERLAP_NORM
+
+
+def band_merge(bands, band_filter, fault=None):
+    """Sum over bands of the 63-tap filter on the 4x zero-stuffed band signal;
+    band_filter[b][62] weighs the newest position."""
+    n = bands.shape[1] * BANDS
+    stuffed = np.zeros((BANDS, MERGE_TAPS - 1 + n))
+    stuffed[:, MERGE_TAPS - 1::BANDS] = bands
+    taps = band_filter[:, ::-1] if fault == "merge_taps_reversed" else band_filter
+    out = np.zeros(n)
+    for k in range(MERGE_TAPS):
+        out += taps[:, k] @ stuffed[:, k: k + n]
+    return out
+
+
+# ---------------------------------------------------------------- whole model
+
+def _inputs(phone, qpitch, pfeat, speaker):
+    phone = np.asarray(phone, dtype=np.float64)
+    n = len(phone)
+    qpitch = np.asarray(qpitch, dtype=np.int64).reshape(n)
+    pfeat = np.asarray(pfeat, dtype=np.float64).reshape(n, 4)
+    speaker = np.asarray(speaker, dtype=np.float64).reshape(n, HIDDEN)
+    if phone.shape != (n, HIDDEN) or qpitch.min(initial=0) < 0 or qpitch.max(initial=0) >= PITCH_BINS:
+        raise ValueError("bad generator inputs")
+    return phone, qpitch, pfeat, speaker
+
+
+def stage_outputs(params, phone, qpitch, pfeat, speaker, fault=None):
+    """Every stage of the generator for a whole stream, by name."""
+    if fault is not None and fault not in FAULTS:
+        raise ValueError(f"unknown fault {fault!r}")
+    p = _widen(params)
+    _check_shapes(p)
+    out = {"frames": frame_network(p, *_inputs(phone, qpitch, pfeat, speaker))}
+    carry_shift = 1 if fault == "upsample1_carry_late" else 0
+    out["upsample1"] = transposed_conv(out["frames"], p["upsample1.weight"], p["upsample1.bias"],
+                                       STAGE1_STEPS, carry_shift)
+    out["stack1"] = residual_stack(out["upsample1"], p, 1)
+    out["upsample2"] = transposed_conv(silu(out["stack1"]), p["upsample2.weight"],
+                                       p["upsample2.bias"], STAGE2_STEPS // STAGE1_STEPS)
+    out["stack2"] = residual_stack(out["upsample2"], p, 2)
+    features = silu(out["stack2"])
+    out["spectra"] = spectra(p, features, fault)
+    out["bands"] = band_signals(out["spectra"], fault) * BAND_GAIN
+    out["output"] = band_merge(out["bands"], p["band_filter"], fault)
+    return out
+
+
+def generate(params, phone, qpitch, pfeat, speaker, fault=None):
+    """Output samples (n_frames * 240,) float64 for a whole stream.
+
+    fault, if given, is one of FAULTS: a deliberate error of a kind an engine
+    could make, used to show that the comparison tolerance discriminates.
+    """
+    return stage_outputs(params, phone, qpitch, pfeat, speaker, fault)["output"]
