@@ -66,6 +66,9 @@ CORVINA_API CorvinaPhoneContext1* Corvina_CreatePhoneContext1(void);
 CORVINA_API void Corvina_DestroyPhoneContext1(CorvinaPhoneContext1* context);
 /* Returns 0; aborts the process on a bad file. */
 CORVINA_API int Corvina_ReadPhoneExtractorParameters(CorvinaPhoneExtractor* model, const char* path);
+/* One 10 ms frame: input[160] samples -> output[256] phone features. */
+CORVINA_API void Corvina_ExtractPhone1(const CorvinaPhoneExtractor* model, const float* input, float* output,
+                                       CorvinaPhoneContext1* context);
 
 /* Pitch estimator: 160 samples -> pitch bin (1..383) and 4 pitch features
  * (loudness, probability of bin 0, lower-octave ratio, upper-octave ratio). */
@@ -74,6 +77,10 @@ CORVINA_API void Corvina_DestroyPitchEstimator(CorvinaPitchEstimator* model);
 CORVINA_API CorvinaPitchContext1* Corvina_CreatePitchContext1(void);
 CORVINA_API void Corvina_DestroyPitchContext1(CorvinaPitchContext1* context);
 CORVINA_API int Corvina_ReadPitchEstimatorParameters(CorvinaPitchEstimator* model, const char* path);
+/* One frame: 160 samples in; the pitch bin and the 4 pitch features out. */
+CORVINA_API void Corvina_EstimatePitch1(const CorvinaPitchEstimator* model, const float* input,
+                                        int32_t* quantized_pitch, float* pitch_features,
+                                        CorvinaPitchContext1* context);
 
 /* Waveform generator: phone features, pitch bin, pitch features and a
  * speaker embedding -> 240 samples at 24 kHz. */
@@ -82,6 +89,15 @@ CORVINA_API void Corvina_DestroyWaveformGenerator(CorvinaWaveformGenerator* mode
 CORVINA_API CorvinaWaveformContext1* Corvina_CreateWaveformContext1(void);
 CORVINA_API void Corvina_DestroyWaveformContext1(CorvinaWaveformContext1* context);
 CORVINA_API int Corvina_ReadWaveformGeneratorParameters(CorvinaWaveformGenerator* model, const char* path);
+/* One frame: phone[256], *quantized_pitch, pitch_features[4] and
+ * speaker_embedding[256] in; output[240] samples out (the inputs are copied
+ * first, so the arrays may overlap). The pitch bin must lie in 0..383
+ * (CORVINA_PITCH_BINS - 1): it indexes the pitch-embedding table and is not
+ * checked. */
+CORVINA_API void Corvina_GenerateWaveform1(const CorvinaWaveformGenerator* model, const float* phone,
+                                           const int32_t* quantized_pitch, const float* pitch_features,
+                                           const float* speaker_embedding, float* output,
+                                           CorvinaWaveformContext1* context);
 
 /* Speaker files: 256 half floats (512 bytes) per speaker, no header.
  * Corvina_ReadNSpeakers returns 0 and stores the count, or 1 (count untouched)

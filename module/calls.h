@@ -5,8 +5,8 @@
 
 namespace corvina {
 
-constexpr ternaryfunc PhoneExtractorCall = nullptr;
-constexpr ternaryfunc PitchEstimatorCall = nullptr;
-constexpr ternaryfunc WaveformGeneratorCall = nullptr;
+PyObject* PhoneExtractorCall(PyObject* self, PyObject* args, PyObject* kwargs);
+PyObject* PitchEstimatorCall(PyObject* self, PyObject* args, PyObject* kwargs);
+PyObject* WaveformGeneratorCall(PyObject* self, PyObject* args, PyObject* kwargs);
 
 }  // namespace corvina

@@ -1,7 +1,10 @@
 // Exported entry points of the phone extractor. Compiled without vector ISA
-// flags: only the network itself (phone_network.cpp) uses AVX2.
+// flags: only the network itself (phone_network_avx2.cpp) uses AVX2.
+#include <cstring>
+
 #include "../engine/aligned_block.h"
 #include "../engine/corvina.h"
+#include "phone_kernels.h"
 #include "phone_layout.h"
 #include "phone_parameters.h"
 
@@ -30,6 +33,13 @@ void Corvina_DestroyPhoneContext1(CorvinaPhoneContext1* context) {
 int Corvina_ReadPhoneExtractorParameters(CorvinaPhoneExtractor* model, const char* path) {
   ReadPhoneExtractorParameters(Model(model), path);
   return 0;
+}
+
+void Corvina_ExtractPhone1(const CorvinaPhoneExtractor* model, const float* input, float* output,
+                           CorvinaPhoneContext1* context) {
+  const float* features = avx2::ExtractPhone(*reinterpret_cast<const PhoneExtractorBlock*>(model), input,
+                                             reinterpret_cast<PhoneContext*>(context));
+  std::memcpy(output, features, kChannels * sizeof(float));
 }
 
 }  // extern "C"

@@ -1,7 +1,10 @@
 // Exported entry points of the waveform generator. Compiled without vector ISA
 // flags: only the network and synthesis use AVX2.
+#include <cstring>
+
 #include "../engine/aligned_block.h"
 #include "../engine/corvina.h"
+#include "waveform_kernels.h"
 #include "waveform_layout.h"
 #include "waveform_parameters.h"
 
@@ -32,6 +35,26 @@ void Corvina_DestroyWaveformContext1(CorvinaWaveformContext1* context) {
 int Corvina_ReadWaveformGeneratorParameters(CorvinaWaveformGenerator* model, const char* path) {
   ReadWaveformGeneratorParameters(Model(model), path);
   return 0;
+}
+
+// The inputs are copied into the context's aligned frame record first, so the
+// caller's arrays may overlap the output or be reused once the call returns.
+void Corvina_GenerateWaveform1(const CorvinaWaveformGenerator* model, const float* phone,
+                               const int32_t* quantized_pitch, const float* pitch_features,
+                               const float* speaker_embedding, float* output, CorvinaWaveformContext1* context) {
+  WaveformContext* state = reinterpret_cast<WaveformContext*>(context);
+  WaveformFrameRecord& frame = state->frame;
+  std::memcpy(frame.phone, phone, sizeof frame.phone);
+  frame.quantized_pitch = *quantized_pitch;
+  std::memcpy(frame.pitch_features, pitch_features, sizeof frame.pitch_features);
+  std::memcpy(frame.speaker_embedding, speaker_embedding, sizeof frame.speaker_embedding);
+  state->inputs[kSpeakerInput] = frame.speaker_embedding;
+  state->inputs[kPitchFeaturesInput] = frame.pitch_features;
+  state->inputs[kQuantizedPitchInput] = &frame.quantized_pitch;
+  state->inputs[kPhoneInput] = frame.phone;
+  const float* samples =
+      avx2::GenerateWaveform(*reinterpret_cast<const WaveformGeneratorBlock*>(model), state->inputs, state);
+  std::memcpy(output, samples, sizeof(float) * kOutHop);
 }
 
 }  // extern "C"

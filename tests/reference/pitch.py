@@ -97,7 +97,7 @@ def write_parameters(params, path):
 
 # ---------------------------------------------------------------- front end
 
-def _histories(signal):
+def histories(signal):
     """(n, 560) history seen by each frame, zero before the stream start."""
     x = np.asarray(signal, dtype=np.float64)
     n = len(x) // HOP
@@ -107,7 +107,7 @@ def _histories(signal):
 
 def front_end(signal, fault=None):
     """Spectral features (n, 192), lag features (n, 256), loudness (n,)."""
-    hist = _histories(signal)
+    hist = histories(signal)
     n = len(hist)
     # Reduce m*k modulo 560 so the twiddles are exact to float64 rounding.
     mk = np.outer(np.arange(HISTORY), np.arange(SPECTRAL_BINS)) % HISTORY

@@ -68,8 +68,8 @@ TENSORS = (
     + _stack_tensors(1, STAGE1_CHANNELS)
     + _stack_tensors(2, STAGE2_CHANNELS)
     + [("logmag.weight", (BANDS * BINS, STAGE2_CHANNELS, 7)), ("logmag.bias", (BANDS * BINS,)),
-       ("gru.weight_ih", (3 * GRU_HIDDEN, STAGE2_CHANNELS)), ("gru.bias_ih", (3 * GRU_HIDDEN,)),
-       ("gru.weight_hh", (3 * GRU_HIDDEN, GRU_HIDDEN)), ("gru.bias_hh", (3 * GRU_HIDDEN,)),
+       ("gru.input.weight", (3 * GRU_HIDDEN, STAGE2_CHANNELS)), ("gru.input.bias", (3 * GRU_HIDDEN,)),
+       ("gru.recurrent.weight", (3 * GRU_HIDDEN, GRU_HIDDEN)), ("gru.recurrent.bias", (3 * GRU_HIDDEN,)),
        ("band_filter", (BANDS, MERGE_TAPS))]
 )
 FILE_BYTES = 2 * sum(int(np.prod(shape)) for _, shape in TENSORS)
@@ -77,6 +77,22 @@ assert len(TENSORS) == 120 and FILE_BYTES == 11463360
 
 
 # ---------------------------------------------------------------- parameters
+
+# Gains of the 1/sqrt(fan_in) weights, by name prefix (first match wins).
+_GAINS = (
+    ("block", 0.5),                 # pointwise2 adds to the residual path
+    ("stack", 0.8),
+    ("logmag", 1.0),
+    ("gru.input.weight", 3.0),      # input-driven phases that turn over time
+    ("gru.recurrent.weight", 0.6),  # contracting recurrence: errors fade
+)
+
+
+def _gain(name):
+    if name.endswith("pointwise1.weight"):
+        return 1.0
+    return next((g for prefix, g in _GAINS if name.startswith(prefix)), 1.0)
+
 
 def random_parameters(seed):
     """Well-conditioned random weights (float16) for every tensor.
@@ -92,7 +108,7 @@ def random_parameters(seed):
 
     p = {}
     for name, shape in TENSORS:
-        if name.endswith(".bias") or ".bias_" in name:
+        if name.endswith(".bias"):
             value = normal(shape, 0.05)
         elif name.endswith(".scale"):
             value = normal(shape, 0.1, 1.0)
@@ -120,24 +136,8 @@ def random_parameters(seed):
     # turns it.
     offset = np.zeros(3 * GRU_HIDDEN)
     offset[2 * GRU_HIDDEN: 2 * GRU_HIDDEN + 2 * BANDS * BINS: 2] = rng.choice([-2.5, 2.5], BANDS * BINS)
-    p["gru.bias_ih"] = (p["gru.bias_ih"] + offset).astype(np.float16)
+    p["gru.input.bias"] = (p["gru.input.bias"] + offset).astype(np.float16)
     return p
-
-
-# Gains of the 1/sqrt(fan_in) weights, by name prefix (first match wins).
-_GAINS = (
-    ("block", 0.5),       # depthwise is set apart; pointwise2 adds to the residual
-    ("stack", 0.8),
-    ("logmag", 1.0),
-    ("gru.weight_ih", 3.0),   # input-driven phases that turn over time
-    ("gru.weight_hh", 0.6),   # contracting recurrence: errors fade
-)
-
-
-def _gain(name):
-    if name.endswith("pointwise1.weight"):
-        return 1.0
-    return next((g for prefix, g in _GAINS if name.startswith(prefix)), 1.0)
 
 
 def _check_shapes(params):
@@ -192,9 +192,10 @@ def causal_conv(x, weight, bias, dilation=1):
     k_size = weight.shape[2]
     pad = (k_size - 1) * dilation
     xp = np.concatenate([np.zeros((pad, x.shape[1])), x])
+    taps = np.ascontiguousarray(weight.transpose(2, 1, 0))   # [k][in][out] for fast products
     y = np.broadcast_to(bias, (len(x), weight.shape[0])).copy()
     for k in range(k_size):
-        y += xp[k * dilation: k * dilation + len(x)] @ weight[:, :, k].T
+        y += xp[k * dilation: k * dilation + len(x)] @ taps[k]
     return y
 
 
@@ -241,10 +242,11 @@ def transposed_conv(x, weight, bias, stride, carry_shift=0):
     """
     n_out = len(x) * stride
     y = np.zeros((n_out + weight.shape[2] + carry_shift, weight.shape[0]))
+    taps = np.ascontiguousarray(weight.transpose(2, 1, 0))
     for t in range(weight.shape[2]):
         # carry_shift models a misplaced carry (planted fault only).
         at = t + (carry_shift if t >= stride else 0)
-        y[at: at + n_out: stride] += x @ weight[:, :, t].T
+        y[at: at + n_out: stride] += x @ taps[t]
     return y[:n_out] + bias
 
 
@@ -270,8 +272,8 @@ def residual_stack(x, p, stage):
 
 def phase_states(p, x, fault=None):
     """Phase recurrent unit over the (T, 64) sub-steps: (T, 128) states."""
-    w_hh, b_hh = p["gru.weight_hh"], p["gru.bias_hh"]
-    gi_all = x @ p["gru.weight_ih"].T + p["gru.bias_ih"]
+    w_hh, b_hh = p["gru.recurrent.weight"], p["gru.recurrent.bias"]
+    gi_all = x @ p["gru.input.weight"].T + p["gru.input.bias"]
     first, second = (1, 0) if fault == "gru_gates_swapped" else (0, 1)
     g = GRU_HIDDEN
     h = np.zeros(g)

@@ -1,0 +1,79 @@
+"""Waveform generator speed through the Python call, alone and chained after
+the phone extractor and pitch estimator as a host runs them: microseconds per
+10 ms frame (median and 99th percentile over 2000 frames after 200 warm-up
+frames) and the real-time factor 10 ms / median. Weights are random, from the
+test references' writers; the same files are then handed to the native
+benchmark (bench_waveform) for the engine's figures and per-stage shares.
+
+    python3 bench/bench_waveform.py [build-dir]      (default build/waveform)
+"""
+import os
+import subprocess
+import sys
+import tempfile
+import time
+
+import numpy as np
+
+ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+BUILD = os.path.abspath(sys.argv[1] if len(sys.argv) > 1 else os.path.join(ROOT, "build", "waveform"))
+sys.path.insert(0, BUILD)
+sys.path.insert(0, os.path.join(ROOT, "tests"))
+
+import corvina  # noqa: E402
+from reference import phone, pitch, waveform  # noqa: E402
+from signals import frames, speech_like  # noqa: E402
+
+WARM_UP, FRAMES = 200, 2000
+
+
+def report(what, micros):
+    micros = np.asarray(micros[WARM_UP:])
+    median, p99 = np.median(micros), np.percentile(micros, 99)
+    print(f"{what}: median {median:.1f} us/frame, p99 {p99:.1f} us/frame, "
+          f"real-time factor {10000.0 / median:.1f} ({len(micros)} frames)")
+
+
+def main():
+    with tempfile.TemporaryDirectory() as folder:
+        paths = {}
+        for name, reference in (("generator", waveform), ("phone", phone), ("pitch", pitch)):
+            paths[name] = os.path.join(folder, name + ".bin")
+            reference.write_parameters(reference.random_parameters(1), paths[name])
+        generator, extractor, estimator = (corvina.WaveformGenerator(), corvina.PhoneExtractor(),
+                                           corvina.PitchEstimator())
+        generator.read_parameters(paths["generator"])
+        extractor.read_parameters(paths["phone"])
+        estimator.read_parameters(paths["pitch"])
+
+        rows = frames(speech_like(WARM_UP + FRAMES, seed=1))
+        speaker = (0.3 * np.random.default_rng(1).standard_normal((1, 256))).astype(np.float32)
+        phone_context, pitch_context = extractor.new_context(1), estimator.new_context(1)
+        conditioning = [(extractor(x, phone_context), *estimator(x, pitch_context)) for x in rows]
+
+        context = generator.new_context(1)
+        micros = []
+        for features, bins, pitch_features in conditioning:
+            start = time.perf_counter_ns()
+            generator(features, bins, pitch_features, speaker, context)
+            micros.append((time.perf_counter_ns() - start) / 1000.0)
+        report("WaveformGenerator.__call__", micros)
+
+        contexts = [m.new_context(1) for m in (extractor, estimator, generator)]
+        micros = []
+        for x in rows:
+            start = time.perf_counter_ns()
+            features = extractor(x, contexts[0])
+            bins, pitch_features = estimator(x, contexts[1])
+            generator(features, bins, pitch_features, speaker, contexts[2])
+            micros.append((time.perf_counter_ns() - start) / 1000.0)
+        report("chain from Python (phone + pitch + waveform)", micros)
+
+        native = os.path.join(BUILD, "bench", "bench_waveform")
+        if os.path.exists(native):
+            print(f"native: {native} generator.bin phone.bin pitch.bin", flush=True)
+            subprocess.run([native, paths["generator"], paths["phone"], paths["pitch"]], check=True)
+
+
+if __name__ == "__main__":
+    main()

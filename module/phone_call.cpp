@@ -1,0 +1,46 @@
+// PhoneExtractor.__call__(input, context) -> float32 array (length, 256).
+#include "../engine/corvina.h"
+#include "calls.h"
+#include "objects.h"
+
+namespace corvina {
+
+PyObject* PhoneExtractorCall(PyObject* self, PyObject* args, PyObject* kwargs) {
+  static const char* keywords[] = {"input", "context", nullptr};
+  PyObject* input_object = nullptr;
+  PyObject* context_object = nullptr;
+  if (!PyArg_ParseTupleAndKeywords(args, kwargs, "OO!", const_cast<char**>(keywords), &input_object,
+                                   &PhoneContextType, &context_object))
+    return nullptr;
+  void* context = ContextBlock(context_object);
+  if (context == nullptr) return nullptr;
+  void* model = ModelBlock(self);
+  if (model == nullptr) return nullptr;
+  const npy_intp length = reinterpret_cast<ContextObject*>(context_object)->length;
+
+  PyArrayObject* input = AsFloat32Array(input_object, 1);
+  if (input == nullptr) return nullptr;
+  if (PyArray_DIM(input, 0) != length * CORVINA_IN_HOP_LENGTH) {
+    Py_DECREF(input);
+    PyErr_SetString(PyExc_ValueError, "len(input) != length * IN_HOP_LENGTH");
+    return nullptr;
+  }
+  npy_intp shape[2] = {length, CORVINA_PHONE_CHANNELS};
+  PyObject* phone = PyArray_SimpleNew(2, shape, NPY_FLOAT32);
+  if (phone == nullptr) {
+    Py_DECREF(input);
+    return nullptr;
+  }
+  Corvina_ExtractPhone1(static_cast<const CorvinaPhoneExtractor*>(model),
+                        static_cast<const float*>(PyArray_DATA(input)),
+                        static_cast<float*>(PyArray_DATA(reinterpret_cast<PyArrayObject*>(phone))),
+                        static_cast<CorvinaPhoneContext1*>(context));
+  Py_DECREF(input);
+  if (PyErr_Occurred()) {
+    Py_DECREF(phone);
+    return nullptr;
+  }
+  return phone;
+}
+
+}  // namespace corvina

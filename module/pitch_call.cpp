@@ -1,0 +1,46 @@
+// PitchEstimator.__call__(input, context) -> (quantized_pitch, pitch_features).
+#include "../engine/corvina.h"
+#include "calls.h"
+#include "objects.h"
+
+namespace corvina {
+
+PyObject* PitchEstimatorCall(PyObject* self, PyObject* args, PyObject* kwargs) {
+  static const char* keywords[] = {"input", "context", nullptr};
+  PyObject* input_object = nullptr;
+  PyObject* context_object = nullptr;
+  if (!PyArg_ParseTupleAndKeywords(args, kwargs, "OO!", const_cast<char**>(keywords), &input_object,
+                                   &PitchContextType, &context_object))
+    return nullptr;
+  void* context = ContextBlock(context_object);
+  if (context == nullptr) return nullptr;
+  void* model = ModelBlock(self);
+  if (model == nullptr) return nullptr;
+  const npy_intp length = reinterpret_cast<ContextObject*>(context_object)->length;
+
+  PyArrayObject* input = AsFloat32Array(input_object, 1);
+  if (input == nullptr) return nullptr;
+  if (PyArray_DIM(input, 0) != length * CORVINA_IN_HOP_LENGTH) {
+    Py_DECREF(input);
+    PyErr_SetString(PyExc_ValueError, "len(input) != length * IN_HOP_LENGTH");
+    return nullptr;
+  }
+  npy_intp pitch_shape[1] = {length};
+  npy_intp feature_shape[2] = {length, CORVINA_PITCH_FEATURES};
+  PyObject* quantized_pitch = PyArray_SimpleNew(1, pitch_shape, NPY_INT32);
+  PyObject* pitch_features = quantized_pitch ? PyArray_SimpleNew(2, feature_shape, NPY_FLOAT32) : nullptr;
+  if (pitch_features == nullptr) {
+    Py_XDECREF(quantized_pitch);
+    Py_DECREF(input);
+    return nullptr;
+  }
+  Corvina_EstimatePitch1(static_cast<const CorvinaPitchEstimator*>(model),
+                         static_cast<const float*>(PyArray_DATA(input)),
+                         static_cast<std::int32_t*>(PyArray_DATA(reinterpret_cast<PyArrayObject*>(quantized_pitch))),
+                         static_cast<float*>(PyArray_DATA(reinterpret_cast<PyArrayObject*>(pitch_features))),
+                         static_cast<CorvinaPitchContext1*>(context));
+  Py_DECREF(input);
+  return Py_BuildValue("(NN)", quantized_pitch, pitch_features);
+}
+
+}  // namespace corvina

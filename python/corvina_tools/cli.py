@@ -1,0 +1,212 @@
+"""The `corvina` command."""
+import argparse
+import os
+import sys
+import tempfile
+import time
+
+from .model_files import ModelError
+
+UNTRAINED = ("The model is untrained: random, well-conditioned weights that turn speech into "
+             "noise-like audio. It exists to try the tools and measure speed.")
+
+
+def parse_speaker(text):
+    """'2' picks row 2; '0:0.7,1:0.3' mixes rows with weights."""
+    try:
+        if ":" not in text:
+            return int(text)
+        return {int(k): float(w) for k, w in (part.split(":") for part in text.split(","))}
+    except ValueError:
+        raise argparse.ArgumentTypeError(f"expected a row index or ROW:WEIGHT,... not {text!r}") from None
+
+
+def _add_voice_options(p, model_required=True):
+    p.add_argument("-m", "--model", required=model_required, help="model directory")
+    p.add_argument("-s", "--speaker", type=parse_speaker, default=0,
+                   help="target speaker row, or weights over rows for a mixed voice, e.g. 0:0.7,1:0.3")
+    p.add_argument("-p", "--pitch", type=float, default=0.0, help="pitch shift in semitones")
+
+
+def _add_quality_option(p, default):
+    p.add_argument("--quality", choices=["VHQ", "HQ", "MQ", "LQ", "QQ"], default=default,
+                   help=f"resampler quality when rates differ from 16/24 kHz (default {default}; "
+                        "higher quality holds back more audio: about 40 ms per resampler at HQ, 20 ms at LQ)")
+
+
+def build_parser():
+    parser = argparse.ArgumentParser(prog="corvina", description="Voice conversion with the corvina engine.")
+    sub = parser.add_subparsers(dest="command", required=True, metavar="COMMAND")
+
+    p = sub.add_parser("convert", help="convert audio files")
+    p.add_argument("inputs", nargs="+", metavar="INPUT", help="audio files in any format libsndfile reads")
+    p.add_argument("-o", "--output", required=True,
+                   help="output file, or a folder (for several inputs, or a path ending in /)")
+    _add_voice_options(p)
+    p.add_argument("-r", "--rate", type=int, default=24000, help="output sample rate (default 24000, the model's)")
+    p.add_argument("-f", "--format", help="output format, e.g. WAV, FLAC, OGG (default: from the extension; WAV in a folder)")
+    p.add_argument("--subtype", help="output sample type, e.g. PCM_16, PCM_24, FLOAT (default: the format's)")
+    _add_quality_option(p, "HQ")
+
+    p = sub.add_parser("info", help="describe a model directory, parameter file or speaker file")
+    p.add_argument("path")
+
+    p = sub.add_parser("bench", help="time the models per frame; without --model a generated test model is used")
+    p.add_argument("-m", "--model", help="model directory")
+    p.add_argument("-n", "--frames", type=int, default=1000, help="frames to time (default 1000)")
+
+    p = sub.add_parser("make-test-model", help="write an untrained random model set",
+                       description="Write a complete model set with random weights. " + UNTRAINED)
+    p.add_argument("directory")
+    p.add_argument("--seed", type=int, default=0)
+    p.add_argument("--speakers", type=int, default=4, help="speaker rows (default 4)")
+
+    p = sub.add_parser("live", help="convert the microphone to the speakers")
+    _add_voice_options(p, model_required=False)
+    p.add_argument("--list-devices", action="store_true", help="list audio devices and exit")
+    p.add_argument("--input", help="input device index or name fragment")
+    p.add_argument("--output", help="output device index or name fragment")
+    p.add_argument("--seconds", type=float, help="stop after this long (default: Ctrl+C)")
+    _add_quality_option(p, "LQ")
+
+    p = sub.add_parser("demo", help="convert a synthesised voice with a generated test model",
+                       description="Generate a test model and a speech-like input, convert it, write the "
+                                   "WAV files and print the real-time factor. " + UNTRAINED)
+    p.add_argument("-o", "--output", default="demo-output", help="folder for the WAV files (default demo-output)")
+    return parser
+
+
+def main(argv=None):
+    args = build_parser().parse_args(argv)
+    try:
+        return COMMANDS[args.command](args)
+    except ModelError as e:
+        return _fail(f"bad model: {e}")
+    except KeyboardInterrupt:
+        return _fail("interrupted", 130)
+
+
+def _fail(message, status=1):
+    print(f"corvina: {message}", file=sys.stderr)
+    return status
+
+
+def _load(directory):
+    from .model_set import ModelSet
+    return ModelSet.load(directory)
+
+
+def cmd_convert(args):
+    from .convert_files import (ConversionError, convert_file, output_format, plan_outputs, progress_bar,
+                                total_seconds)
+    from .converter import Converter
+    models = _load(args.model)          # a bad model stops everything before any output
+    try:                                # so do bad settings
+        Converter(models, output_rate=args.rate, speaker=args.speaker, pitch_shift=args.pitch)
+        pairs = plan_outputs(args.inputs, args.output, args.format)
+        for _, target in pairs:
+            output_format(target, args.format, args.subtype)
+        for folder in {os.path.dirname(os.path.abspath(target)) for _, target in pairs}:
+            os.makedirs(folder, exist_ok=True)
+    except (ValueError, OSError) as e:
+        return _fail(str(e))
+    failures, results = 0, []
+    start = time.perf_counter()
+    with progress_bar(total_seconds(args.inputs)) as bar:
+        for source, target in pairs:
+            try:
+                if os.path.exists(target) and os.path.samefile(source, target):
+                    raise ValueError(f"{target} is the input itself; choose another output")
+                results.append(convert_file(models, source, target, rate=args.rate, format_name=args.format,
+                                            subtype=args.subtype, speaker=args.speaker,
+                                            pitch_shift=args.pitch, quality=args.quality, progress=bar))
+            except (ConversionError, ValueError, OSError) as e:
+                failures += 1
+                bar.write(f"corvina: {e}", file=sys.stderr)
+    wall = time.perf_counter() - start
+    for r in results:
+        notes = [f"{r.clipped} samples clipped" if r.clipped else "",
+                 f"{r.nonfinite} non-finite input samples replaced by silence" if r.nonfinite else ""]
+        if any(notes):
+            print(f"{r.output}: " + ", ".join(n for n in notes if n), file=sys.stderr)
+    audio = sum(r.seconds for r in results)
+    processing = sum(r.processing for r in results)
+    rtf = processing / audio if audio else 0.0
+    print(f"converted {len(results)} of {len(pairs)} file(s): {audio:.2f} s of audio in {processing:.2f} s "
+          f"({wall:.2f} s in all), real-time factor {rtf:.3f}")
+    return 1 if failures else 0
+
+
+def cmd_info(args):
+    from .info import describe
+    lines, ok = describe(args.path)
+    print("\n".join(lines))
+    return 0 if ok else 1
+
+
+def cmd_bench(args):
+    from .bench import summary, time_frames
+    with tempfile.TemporaryDirectory(prefix="corvina-bench-") as scratch:
+        if args.model:
+            models = _load(args.model)
+            print(f"model {args.model}")
+        else:
+            from .test_model import write_test_model
+            models = _load(write_test_model(scratch))
+            print("model: generated test model (random weights; the timing does not depend on them)")
+        print(f"{args.frames} frames of 10 ms, one stream, Python calls timed with perf_counter")
+        print("\n".join(summary(time_frames(models, args.frames))))
+    return 0
+
+
+def cmd_make_test_model(args):
+    from .test_model import write_test_model
+    if args.speakers < 1:
+        return _fail("--speakers must be at least 1")
+    write_test_model(args.directory, seed=args.seed, speakers=args.speakers)
+    print(f"wrote a test model with {args.speakers} speaker(s) to {args.directory}")
+    print(UNTRAINED)
+    return 0
+
+
+def _list_devices():
+    from .live import LiveError, import_sounddevice
+    try:
+        devices = import_sounddevice().query_devices()
+    except LiveError as e:
+        return _fail(str(e))
+    if len(devices) == 0:
+        return _fail("no audio devices found")
+    print(devices)
+    return 0
+
+
+def cmd_live(args):
+    from .converter import Converter
+    from .live import LiveError, import_sounddevice, run_live
+    if args.list_devices:
+        return _list_devices()
+    if not args.model:
+        return _fail("live: a model directory is needed (--model DIR)", 2)
+    try:
+        sd = import_sounddevice()
+        models = _load(args.model)
+        run_live(lambda i, o: Converter(models, i, o, speaker=args.speaker, pitch_shift=args.pitch,
+                                        quality=args.quality),
+                 sd, args.input, args.output, seconds=args.seconds)
+    except LiveError as e:
+        return _fail(f"live: {e}")
+    return 0
+
+
+def cmd_demo(args):
+    from .demo import run_demo
+    run_demo(args.output)
+    return 0
+
+
+COMMANDS = {"convert": cmd_convert, "info": cmd_info, "bench": cmd_bench,
+            "make-test-model": cmd_make_test_model, "live": cmd_live, "demo": cmd_demo}
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,213 @@
+"""The streaming converter: audio blocks of any size and rate in, converted
+audio out. Frames of 160 samples at 16 kHz go through the three models; the
+output is 24 kHz, or resampled to the rate asked for."""
+import functools
+import math
+import numbers
+from typing import NamedTuple
+
+import numpy as np
+import soxr
+
+import corvina
+
+IN_RATE, OUT_RATE = corvina.IN_SAMPLE_RATE, corvina.OUT_SAMPLE_RATE
+IN_HOP, OUT_HOP = corvina.IN_HOP_LENGTH, corvina.OUT_HOP_LENGTH
+BINS_PER_SEMITONE = corvina.PITCH_BINS_PER_OCTAVE // 12
+LOWEST_BIN, HIGHEST_BIN = 1, corvina.PITCH_BINS - 1
+
+
+class Latency(NamedTuple):
+    samples: float      # at the output rate
+    seconds: float
+
+
+class EngineChain:
+    """One stream through the three models: its own three contexts."""
+
+    def __init__(self, models):
+        self.models = models
+        self.reset()
+
+    def reset(self):
+        m = self.models
+        self._contexts = (m.phone.new_context(1), m.pitch.new_context(1), m.waveform.new_context(1))
+
+    def __call__(self, frame, shift_bins, speaker_row):
+        m, (pc, tc, wc) = self.models, self._contexts
+        features = m.phone(frame, pc)
+        bins, pitch_features = m.pitch(frame, tc)
+        if shift_bins:
+            bins = np.clip(bins + shift_bins, LOWEST_BIN, HIGHEST_BIN).astype(np.int32)
+        return m.waveform(features, bins, pitch_features, speaker_row, wc)
+
+
+class _Resampler:
+    """A streaming soxr resampler, or a pass-through at equal rates."""
+
+    def __init__(self, in_rate, out_rate, quality):
+        self.in_rate, self.out_rate, self.quality = in_rate, out_rate, quality
+        self.reset()
+
+    def reset(self):
+        same = self.in_rate == self.out_rate
+        self._stream = None if same else soxr.ResampleStream(self.in_rate, self.out_rate, 1, quality=self.quality)
+
+    def __call__(self, x, last=False):
+        return x if self._stream is None else self._stream.resample_chunk(x, last=last)
+
+    @property
+    def delay_seconds(self):
+        return 0.0 if self._stream is None else _worst_hold_back(self.in_rate, self.out_rate, self.quality)
+
+
+@functools.lru_cache(maxsize=None)
+def _worst_hold_back(in_rate, out_rate, quality):
+    """The most output a soxr stream holds back, in seconds, probed with 10 ms
+    blocks of silence: the filter delay plus its internal block buffering."""
+    stream = soxr.ResampleStream(in_rate, out_rate, 1, quality=quality)
+    block = np.zeros(max(1, round(in_rate / 100)), np.float32)
+    pushed = emitted = worst = 0
+    for _ in range(200):
+        pushed += len(block)
+        emitted += len(stream.resample_chunk(block))
+        worst = max(worst, pushed * out_rate / in_rate - emitted)
+    return worst / out_rate
+
+
+class Converter:
+    """Converts one audio stream, block by block.
+
+    models: a ModelSet; one may serve many converters.
+    input_rate, output_rate: sample rates of what goes in and comes out.
+    speaker: a speaker row index, or weights over rows (see `speaker`).
+    pitch_shift: semitones, applied to the estimated pitch.
+    quality: the soxr resampler quality; higher holds back more audio.
+    chain: stands in for the three models (for tests); default the engine.
+    Settings take effect at the next frame.
+    """
+
+    def __init__(self, models, input_rate=IN_RATE, output_rate=OUT_RATE, speaker=0, pitch_shift=0.0,
+                 quality="HQ", chain=None):
+        for name, rate in (("input_rate", input_rate), ("output_rate", output_rate)):
+            if not (isinstance(rate, numbers.Real) and math.isfinite(rate) and rate > 0):
+                raise ValueError(f"{name} must be a positive number of Hz, not {rate!r}")
+        self.models = models
+        self.input_rate, self.output_rate = input_rate, output_rate
+        self._chain = chain if chain is not None else EngineChain(models)
+        self._to_model = _Resampler(input_rate, IN_RATE, quality)
+        self._from_model = _Resampler(OUT_RATE, output_rate, quality)
+        self.speaker = speaker
+        self.pitch_shift = pitch_shift
+        self.reset()
+
+    # ---------------------------------------------------------------- settings
+
+    @property
+    def speaker(self):
+        return self._speaker
+
+    @speaker.setter
+    def speaker(self, choice):
+        """An int picks one row; a mapping {row: weight} or a sequence of one
+        weight per row mixes rows (weights are normalised to sum to one)."""
+        rows = self.models.speakers
+        if isinstance(choice, (int, np.integer)):
+            weights = {int(choice): 1.0}
+        elif isinstance(choice, dict):
+            weights = {int(k): float(v) for k, v in choice.items()}
+        else:
+            values = [float(v) for v in choice]
+            if len(values) != len(rows):
+                raise ValueError(f"expected {len(rows)} speaker weights, got {len(values)}")
+            weights = dict(enumerate(values))
+        bad = [k for k in weights if not 0 <= k < len(rows)]
+        if bad:
+            raise ValueError(f"speaker {bad[0]} out of range: the model has {len(rows)} speakers (0..{len(rows) - 1})")
+        total = sum(weights.values())
+        if any(w < 0 or not math.isfinite(w) for w in weights.values()) or total <= 0:
+            raise ValueError("speaker weights must be finite, non-negative and not all zero")
+        row = sum(rows[k].astype(np.float64) * (w / total) for k, w in weights.items())
+        # One assignment, so a frame on another thread sees the old or the new row.
+        self._speaker_row = np.asarray(row, np.float32).reshape(1, -1)
+        self._speaker = choice
+
+    @property
+    def pitch_shift(self):
+        return self._pitch_shift
+
+    @pitch_shift.setter
+    def pitch_shift(self, semitones):
+        semitones = float(semitones)
+        if not math.isfinite(semitones):
+            raise ValueError("pitch shift must be a finite number of semitones")
+        self._shift_bins = int(round(semitones * BINS_PER_SEMITONE))
+        self._pitch_shift = semitones
+
+    # ---------------------------------------------------------------- streaming
+
+    @property
+    def latency(self):
+        """Worst-case delay from a sample going in to its converted sample
+        coming out: a whole frame's buffering plus both resamplers' hold-back."""
+        seconds = IN_HOP / IN_RATE + self._to_model.delay_seconds + self._from_model.delay_seconds
+        return Latency(seconds * self.output_rate, seconds)
+
+    def reset(self):
+        """Start a new stream: model histories, resamplers and counters."""
+        self._chain.reset()
+        self._to_model.reset()
+        self._from_model.reset()
+        self._pending = np.zeros(0, np.float32)
+        self.frames = 0
+        self.nonfinite_samples = 0
+        self._flushed = False
+
+    def process(self, block):
+        """Feed a block: (n,) mono or (n, channels), any numeric type.
+        Returns the converted samples ready so far (float32, mono)."""
+        if self._flushed:
+            raise RuntimeError("the stream was flushed; reset() starts a new one")
+        x = self._mono(block)
+        return self._from_model(self._run_frames(self._to_model(x)))
+
+    def flush(self):
+        """Drain everything buffered: the last partial frame is completed with
+        silence and its output cut to the input's length. Call reset() before
+        feeding a new stream."""
+        if self._flushed:
+            return np.zeros(0, np.float32)
+        self._flushed = True
+        tail = self._run_frames(self._to_model(np.zeros(0, np.float32), last=True), finish=True)
+        return self._from_model(tail, last=True)
+
+    def _mono(self, block):
+        x = np.asarray(block)
+        if x.ndim not in (1, 2):
+            raise ValueError(f"expected a block of shape (n,) or (n, channels), got {x.shape}")
+        if np.issubdtype(x.dtype, np.signedinteger):
+            x = x / float(np.iinfo(x.dtype).max + 1)     # integer PCM to [-1, 1)
+        if x.ndim == 2:
+            x = x.mean(axis=1, dtype=np.float64) if x.shape[1] > 1 else x[:, 0]
+        x = np.array(x, dtype=np.float32)
+        bad = ~np.isfinite(x)
+        if bad.any():
+            self.nonfinite_samples += int(bad.sum())
+            x[bad] = 0.0
+        return x
+
+    def _run_frames(self, x, finish=False):
+        pending = np.concatenate([self._pending, x]) if len(self._pending) else x
+        n = len(pending) // IN_HOP
+        real_out = None
+        if finish and len(pending) % IN_HOP:
+            # The real samples of the last frame give this much output.
+            real_out = n * OUT_HOP + (len(pending) % IN_HOP) * OUT_HOP // IN_HOP
+            pending = np.concatenate([pending, np.zeros(IN_HOP - len(pending) % IN_HOP, np.float32)])
+            n += 1
+        outputs = [self._chain(pending[i * IN_HOP:(i + 1) * IN_HOP], self._shift_bins, self._speaker_row)
+                   for i in range(n)]
+        self.frames += n
+        self._pending = pending[n * IN_HOP:].copy()
+        out = np.concatenate(outputs).astype(np.float32, copy=False) if outputs else np.zeros(0, np.float32)
+        return out if real_out is None else out[:real_out]

@@ -1,0 +1,47 @@
+"""`corvina info`: what a model directory or a single model file is."""
+import os
+
+import numpy as np
+
+from .model_files import MODEL_FILES, SPEAKERS, ModelError, expected_size_text, identify, open_checked
+
+
+def describe_file(path, model_file):
+    """One line about a file checked as model_file; (line, ok)."""
+    try:
+        fd = open_checked(path, model_file)
+    except ModelError as e:
+        return f"  {model_file.file_name}: BAD: expected {e.expected}, found {e.found}", False
+    try:
+        values = np.fromfile(os.fdopen(fd, "rb", closefd=False), dtype="<f2")
+    finally:
+        os.close(fd)
+    detail = f"{len(values) * 2} bytes"
+    if model_file is SPEAKERS:
+        detail += f", {len(values) // 256} speaker(s)"
+    bad = int(np.count_nonzero(~np.isfinite(values)))
+    if bad:
+        return f"  {model_file.file_name}: {model_file.description}, {detail}, {bad} non-finite values", False
+    return f"  {model_file.file_name}: {model_file.description}, {detail}, ok", True
+
+
+def describe(path):
+    """Lines describing path and whether everything in it is usable."""
+    if os.path.isdir(path):
+        lines, ok = [f"{path}: model directory"], True
+        for model_file in MODEL_FILES:
+            line, good = describe_file(os.path.join(path, model_file.file_name), model_file)
+            lines.append(line)
+            ok &= good
+        lines.append("  complete model set" if ok else "  NOT usable as a model set")
+        return lines, ok
+    if not os.path.exists(path):
+        return [f"{path}: no such file or directory"], False
+    model_file = identify(path) if os.path.isfile(path) else None
+    if model_file is None:
+        size = os.stat(path).st_size if os.path.isfile(path) else None
+        sizes = "; ".join(f"{m.description}: {expected_size_text(m)}" for m in MODEL_FILES)
+        found = f"{size} bytes" if size is not None else "not a regular file"
+        return [f"{path}: not a model file ({found}); expected {sizes}"], False
+    line, ok = describe_file(path, model_file)
+    return [f"{path}:", line], ok

@@ -1,0 +1,124 @@
+"""The `corvina` command end to end: convert on generated files in several
+formats and rates, bad inputs and bad models, info, make-test-model, demo."""
+import os
+import subprocess
+import sys
+
+import numpy as np
+import pytest
+import soundfile as sf
+
+from corvina_tools import cli, convert_files, write_test_model
+from corvina_tools.speech import speech_like
+
+INPUTS = [("talk.wav", 16000, 1, "PCM_16"), ("stereo.flac", 44100, 2, "PCM_24"), ("low.ogg", 22050, 1, "VORBIS")]
+
+
+@pytest.fixture(scope="module")
+def model(tmp_path_factory):
+    return write_test_model(str(tmp_path_factory.mktemp("model")), seed=1, speakers=2)
+
+
+@pytest.fixture(scope="module")
+def inputs(tmp_path_factory):
+    folder = tmp_path_factory.mktemp("inputs")
+    paths = []
+    for name, rate, channels, subtype in INPUTS:
+        x = np.stack([speech_like(0.7, rate, seed=c) for c in range(channels)], axis=1)
+        sf.write(folder / name, x, rate, subtype=subtype)
+        paths.append(str(folder / name))
+    return paths
+
+
+def run(*argv):
+    """The command in a separate process, so an abort would show as a signal."""
+    return subprocess.run([sys.executable, "-m", "corvina_tools.cli", *argv], capture_output=True, text=True,
+                          timeout=120)
+
+
+def test_convert_formats_and_rates_to_a_folder_and_a_file(model, inputs, tmp_path, capsys):
+    status = cli.main(["convert", *inputs, "-m", model, "-o", str(tmp_path / "out"), "-r", "48000",
+                       "-s", "0:1,1:2", "-p", "-3"])
+    assert status == 0
+    summary = capsys.readouterr().out
+    assert "converted 3 of 3 file(s): 2.10 s of audio" in summary and "real-time factor" in summary
+    for source in inputs:
+        target = tmp_path / "out" / (os.path.splitext(os.path.basename(source))[0] + ".wav")
+        y, rate = sf.read(target)
+        assert rate == 48000 and abs(len(y) - sf.info(source).duration * 48000) <= 2
+        assert np.isfinite(y).all() and y.std() > 1e-3
+    assert sorted(os.listdir(tmp_path / "out")) == ["low.wav", "stereo.wav", "talk.wav"]
+    # One file: the format comes from the extension.
+    assert cli.main(["convert", inputs[0], "-m", model, "-o", str(tmp_path / "one.flac"), "--subtype", "PCM_24"]) == 0
+    info = sf.info(tmp_path / "one.flac")
+    assert (info.format, info.subtype, info.samplerate, info.frames) == ("FLAC", "PCM_24", 24000, 16800)
+
+
+def test_bad_inputs_fail_alone_and_leave_nothing(model, inputs, tmp_path, capsys):
+    broken = tmp_path / "broken.wav"
+    broken.write_bytes(b"RIFF" + b"\x07" * 200)
+    status = cli.main(["convert", inputs[0], str(broken), str(tmp_path / "absent.wav"), "-m", model,
+                       "-o", str(tmp_path / "out")])
+    captured = capsys.readouterr()
+    assert status == 1
+    assert f"cannot read {broken}" in captured.err and "absent.wav: no such file" in captured.err
+    assert "converted 1 of 3 file(s)" in captured.out
+    assert os.listdir(tmp_path / "out") == ["talk.wav"]
+
+
+def test_failure_mid_file_leaves_no_partial_output(model, inputs, tmp_path, monkeypatch):
+    target = tmp_path / "kept.wav"
+    target.write_bytes(b"earlier result")
+
+    class FailingConverter(convert_files.Converter):
+        def process(self, block):
+            raise OSError("disk on fire")
+
+    monkeypatch.setattr(convert_files, "Converter", FailingConverter)
+    assert cli.main(["convert", inputs[1], "-m", model, "-o", str(target)]) == 1
+    assert os.listdir(tmp_path) == ["kept.wav"] and target.read_bytes() == b"earlier result"
+
+
+@pytest.mark.parametrize("damage", ["truncate", "remove"])
+def test_bad_model_directory_is_an_error_not_an_abort(model, inputs, tmp_path, damage):
+    bad = tmp_path / "model"
+    bad.mkdir()
+    for name in os.listdir(model):
+        if name != "waveform_generator.bin":
+            os.link(os.path.join(model, name), bad / name)
+    if damage == "truncate":
+        with open(os.path.join(model, "waveform_generator.bin"), "rb") as f:
+            (bad / "waveform_generator.bin").write_bytes(f.read(4096))
+    result = run("convert", inputs[0], "-m", str(bad), "-o", str(tmp_path / "out.wav"))
+    assert result.returncode == 1, result.stderr
+    assert "waveform_generator.bin" in result.stderr and "exactly 11463360 bytes" in result.stderr
+    assert ("4096 bytes" if damage == "truncate" else "no such file") in result.stderr
+    assert not (tmp_path / "out.wav").exists()
+
+
+def test_info_and_make_test_model(tmp_path):
+    result = run("make-test-model", str(tmp_path / "m"), "--seed", "3", "--speakers", "2")
+    assert result.returncode == 0 and "untrained" in result.stdout
+    result = run("info", str(tmp_path / "m"))
+    assert result.returncode == 0 and "2 speaker(s)" in result.stdout and "complete model set" in result.stdout
+    os.truncate(tmp_path / "m" / "phone_extractor.bin", 10)
+    result = run("info", str(tmp_path / "m"))
+    assert result.returncode == 1 and "found 10 bytes" in result.stdout
+
+
+def test_bench_reports_every_model(model, capsys):
+    assert cli.main(["bench", "-m", model, "-n", "20"]) == 0
+    out = capsys.readouterr().out
+    assert all(label in out for label in ("phone extractor", "pitch estimator", "waveform generator",
+                                          "chain", "real-time factor", "streams per core"))
+
+
+def test_demo_writes_its_files(tmp_path):
+    from corvina_tools import demo
+    lines = []
+    demo.run_demo(str(tmp_path), seconds=0.5, report=lines.append)
+    assert sorted(os.listdir(tmp_path)) == ["converted.wav", "converted_mix_up4.wav", "input.wav"]
+    for name in ("converted.wav", "converted_mix_up4.wav"):
+        y, rate = sf.read(tmp_path / name)
+        assert rate == 24000 and len(y) == 12000 and np.isfinite(y).all() and y.std() > 1e-3
+    assert any("real-time factor" in line for line in lines) and any("untrained" in line for line in lines)

@@ -1,0 +1,136 @@
+"""Model sets: every loading error is a ModelError before the engine sees
+the file; the random-model writer matches the engine's file layout."""
+import os
+import shutil
+
+import numpy as np
+import pytest
+
+import corvina
+from corvina_tools import ModelError, ModelSet, write_test_model
+from corvina_tools import test_model as generator
+from corvina_tools.info import describe
+from reference import phone, pitch, waveform
+
+SIZES = {"phone_extractor.bin": 10847360, "pitch_estimator.bin": 3434112, "waveform_generator.bin": 11463360}
+
+
+@pytest.fixture(scope="module")
+def good_model(tmp_path_factory):
+    return write_test_model(str(tmp_path_factory.mktemp("model")), seed=5, speakers=3)
+
+
+@pytest.fixture
+def model_copy(good_model, tmp_path):
+    return shutil.copytree(good_model, tmp_path / "model")
+
+
+def _resize(path, size):
+    with open(path, "r+b") as f:
+        f.truncate(size)
+
+
+def _break(folder, name, how):
+    path = folder / name
+    if how == "missing":
+        path.unlink()
+    elif how == "short":
+        _resize(path, path.stat().st_size - 1)
+    elif how == "long":
+        _resize(path, path.stat().st_size + 1)
+    elif how == "empty":
+        _resize(path, 0)
+    elif how == "odd speakers":
+        _resize(path, 1000)
+    elif how == "directory":
+        path.unlink()
+        path.mkdir()
+    elif how == "fifo":
+        path.unlink()
+        os.mkfifo(path)
+    return path
+
+
+CASES = ([(name, how) for name in SIZES for how in ("missing", "short", "long", "directory")]
+         + [("speaker_embeddings.bin", how) for how in ("missing", "empty", "odd speakers", "fifo")]
+         + [("pitch_estimator.bin", "fifo")])
+
+
+@pytest.mark.parametrize("name,how", CASES)
+def test_every_bad_file_is_a_model_error_naming_it(model_copy, name, how):
+    path = _break(model_copy, name, how)
+    with pytest.raises(ModelError) as caught:
+        ModelSet.load(model_copy)
+    error = caught.value
+    assert error.path == str(path)
+    expected = f"exactly {SIZES[name]} bytes" if name in SIZES else "a non-zero multiple of 512 bytes"
+    assert expected in error.expected
+    found = {"missing": "no such file", "short": f"{SIZES.get(name, 0) - 1} bytes",
+             "long": f"{SIZES.get(name, 0) + 1} bytes", "empty": "0 bytes", "odd speakers": "1000 bytes",
+             "directory": "a directory", "fifo": "not a regular file"}[how]
+    assert error.found == found
+    assert str(path) in str(error) and expected in str(error)
+    lines, ok = describe(str(model_copy))
+    assert not ok and any(name in line and "BAD" in line for line in lines)
+
+
+@pytest.mark.skipif(os.geteuid() == 0, reason="root reads files whatever their mode")
+def test_unreadable_file(model_copy):
+    os.chmod(model_copy / "waveform_generator.bin", 0)
+    with pytest.raises(ModelError, match="cannot be opened"):
+        ModelSet.load(model_copy)
+
+
+def test_not_a_model_directory(good_model, tmp_path):
+    with pytest.raises(ModelError, match="no such directory"):
+        ModelSet.load(tmp_path / "absent")
+    with pytest.raises(ModelError, match="not a directory"):
+        ModelSet.load(os.path.join(good_model, "pitch_estimator.bin"))
+
+
+def test_speaker_rows_match_the_engine_reader(good_model):
+    models = ModelSet.load(good_model)
+    engine_rows = corvina.read_speaker_embeddings(os.path.join(good_model, "speaker_embeddings.bin"))
+    assert models.speakers.shape == (3, 256) and models.speakers.dtype == np.float32
+    np.testing.assert_array_equal(models.speakers, engine_rows)
+
+
+@pytest.mark.parametrize("reference,tensors", [(phone, generator.phone_tensors),
+                                               (pitch, generator.pitch_tensors),
+                                               (waveform, generator.waveform_tensors)])
+def test_generated_tensors_follow_the_file_order(reference, tensors):
+    assert [tuple(t[1]) for t in tensors()] == [tuple(shape) for _, shape in reference.TENSORS]
+
+
+def test_generated_model_is_well_conditioned(good_model):
+    """An untrained model still gives finite features and audio of sane level."""
+    models = ModelSet.load(good_model)
+    pc, tc, wc = models.phone.new_context(1), models.pitch.new_context(1), models.waveform.new_context(1)
+    rng = np.random.default_rng(0)
+    out, bins = [], []
+    for k in range(60):
+        frame = (0.1 * np.sin(2 * np.pi * 150 * (np.arange(160) + 160 * k) / 16000)
+                 + 0.01 * rng.standard_normal(160)).astype(np.float32)
+        features = models.phone(frame, pc)
+        b, pf = models.pitch(frame, tc)
+        out.append(models.waveform(features, b, pf, models.speakers[:1], wc))
+        bins.append(int(b[0]))
+        assert np.isfinite(features).all() and np.isfinite(pf).all()
+    out = np.concatenate(out)
+    assert np.isfinite(out).all() and 1e-3 < out.std() < 10
+    assert all(1 <= b <= 383 for b in bins)
+
+
+def test_info_recognises_single_files_by_size_and_flags_bad_values(model_copy, tmp_path):
+    renamed = tmp_path / "voices.bin"
+    os.rename(model_copy / "speaker_embeddings.bin", renamed)
+    lines, ok = describe(str(renamed))
+    assert ok and "speaker embeddings, 1536 bytes, 3 speaker(s)" in lines[1]
+    (tmp_path / "odd.bin").write_bytes(b"\0" * 777)
+    lines, ok = describe(str(tmp_path / "odd.bin"))
+    assert not ok and "777 bytes" in lines[0]
+    with open(model_copy / "pitch_estimator.bin", "r+b") as f:
+        f.seek(1000)
+        f.write(np.array([np.nan, np.inf], "<f2").tobytes())
+    lines, ok = describe(str(model_copy / "pitch_estimator.bin"))
+    assert not ok and "2 non-finite values" in lines[1]

@@ -1,0 +1,47 @@
+// The residual stacks' square causal convolution, N channels in and out,
+// kernel K, dilation D, over the T steps of one frame, in two builds with
+// identical results:
+//   scalar::  the definition, plain loops in the order that fixes the result;
+//   avx2::    the same per-output order with 256-bit vectors.
+//
+// Step t of tap k reads the input step (K - 1 - k) * D steps back, from the
+// ring of the last H = (K - 1) * D steps when that lies in an earlier frame.
+// Each output starts from its bias and accumulates with fused multiply-adds
+// over tap 0 (oldest) to K - 1 (current), inputs ascending inside each tap.
+// The input must not overlap the state. Afterwards the ring holds the last
+// H steps seen, oldest at `position`.
+//
+// Instantiated for N = 128, T = 5 and N = 64, T = 15, K in {3, 7, 11},
+// D in {1, 3, 5}.
+#pragma once
+#include "waveform_layout.h"
+
+namespace corvina {
+
+template <int K, int D>
+constexpr int kDilatedHistory = (K - 1) * D;
+
+namespace scalar {
+template <int N, int T, int K, int D>
+void DilatedCausalConv(const DilatedConvWeights<N, K>& weights, const float* input,
+                       DilatedCausalConvState<N, T, kDilatedHistory<K, D>>* state);
+}
+namespace avx2 {
+template <int N, int T, int K, int D>
+void DilatedCausalConv(const DilatedConvWeights<N, K>& weights, const float* input,
+                       DilatedCausalConvState<N, T, kDilatedHistory<K, D>>* state);
+}
+
+// The instantiations that exist, one line per (N, T) pair.
+#define CORVINA_FOR_EACH_DILATED_CONV(X, N, T) \
+  X(N, T, 3, 1)                                \
+  X(N, T, 3, 3)                                \
+  X(N, T, 3, 5)                                \
+  X(N, T, 7, 1)                                \
+  X(N, T, 7, 3)                                \
+  X(N, T, 7, 5)                                \
+  X(N, T, 11, 1)                               \
+  X(N, T, 11, 3)                               \
+  X(N, T, 11, 5)
+
+}  // namespace corvina

@@ -1,0 +1,48 @@
+// The dilated causal convolution's definition: plain loops in the order of
+// accumulation that fixes the result.
+#include <cmath>
+#include <cstring>
+
+#include "dilated_causal_conv.h"
+
+namespace corvina {
+namespace scalar {
+
+template <int N, int T, int K, int D>
+void DilatedCausalConv(const DilatedConvWeights<N, K>& weights, const float* input,
+                       DilatedCausalConvState<N, T, kDilatedHistory<K, D>>* state) {
+  constexpr int H = kDilatedHistory<K, D>;
+  const int position = state->position;
+  // Step j of the ring followed by the frame: oldest history step first.
+  auto step = [&](int j) -> const float* {
+    return j < H ? state->history[(position + j) % H] : input + (j - H) * N;
+  };
+  for (int t = 0; t < T; ++t)
+    for (int o = 0; o < N; ++o) state->output[t][o] = HalfToFloat(weights.bias[o]);
+  for (int k = 0; k < K; ++k) {
+    const f16* tap = weights.weight + k * N * N;
+    for (int t = 0; t < T; ++t) {
+      const float* x = step(t + k * D);
+      for (int o = 0; o < N; ++o) {
+        const f16* w = tap + (o / kPanel) * N * kPanel + o % kPanel;
+        float sum = state->output[t][o];
+        for (int i = 0; i < N; ++i) sum = std::fma(HalfToFloat(w[i * kPanel]), x[i], sum);
+        state->output[t][o] = sum;
+      }
+    }
+  }
+  // Only the last min(T, H) steps of the frame survive in the ring.
+  for (int t = T > H ? T - H : 0; t < T; ++t)
+    std::memcpy(state->history[(position + t) % H], input + t * N, sizeof(float) * N);
+  state->position = (position + T) % H;
+}
+
+#define CORVINA_INSTANTIATE(N, T, K, D)                                                        \
+  template void DilatedCausalConv<N, T, K, D>(const DilatedConvWeights<N, K>&, const float*, \
+                                              DilatedCausalConvState<N, T, kDilatedHistory<K, D>>*);
+CORVINA_FOR_EACH_DILATED_CONV(CORVINA_INSTANTIATE, 128, 5)
+CORVINA_FOR_EACH_DILATED_CONV(CORVINA_INSTANTIATE, 64, 15)
+#undef CORVINA_INSTANTIATE
+
+}  // namespace scalar
+}  // namespace corvina
