@@ -126,9 +126,9 @@ def test_upsampling_taps_and_carry():
 
 def test_overlap_add_alignment_and_level():
     # Bin 0 = 16 gives a constant frame of 1 after the 1/16 inverse scale.
-    spec = np.zeros((6, 36), complex)
-    spec[2, [0, 9, 18, 27]] = 16.0
-    bands = waveform.band_signals(spec)
+    spectra = np.zeros((6, 36), complex)
+    spectra[2, [0, 9, 18, 27]] = 16.0
+    bands = waveform.band_signals(spectra)
     expected = np.zeros(24)
     expected[8:24] = waveform.WINDOW * 2 / 3   # hop 2 emits right after adding its frame
     for b in range(4):
@@ -138,11 +138,11 @@ def test_overlap_add_alignment_and_level():
     steady[:, 0::9] = 16.0 * 0.75
     np.testing.assert_allclose(waveform.band_signals(steady)[:, 12:], 1.0, atol=1e-14)
     # The imaginary parts of bins 0 and 8 play no part.
-    spec = np.random.default_rng(2).standard_normal((8, 36, 2)) @ [1.0, 1j]
-    real_ends = spec.copy()
+    spectra = np.random.default_rng(2).standard_normal((8, 36, 2)) @ [1.0, 1j]
+    real_ends = spectra.copy()
     real_ends[:, 0::9] = real_ends[:, 0::9].real
     real_ends[:, 8::9] = real_ends[:, 8::9].real
-    np.testing.assert_allclose(waveform.band_signals(spec), waveform.band_signals(real_ends), atol=1e-15)
+    np.testing.assert_allclose(waveform.band_signals(spectra), waveform.band_signals(real_ends), atol=1e-15)
 
 
 def test_band_merge_tap_order():

@@ -297,14 +297,14 @@ def spectra(p, x, fault=None):
     return c * magnitude / (np.abs(c) + PHASE_EPS)
 
 
-def band_signals(spec, fault=None):
+def band_signals(spectra, fault=None):
     """Overlap-add of the windowed 16-point inverse transforms: (4, 4 T).
 
     Frame i covers band positions 4 i .. 4 i + 15; band sample n is complete
     once frame n // 4 has been added, so it holds frames n//4 - 3 .. n//4.
     """
-    n_sub = spec.shape[0]
-    bins = spec.reshape(n_sub, BANDS, BINS).copy()
+    n_sub = spectra.shape[0]
+    bins = spectra.reshape(n_sub, BANDS, BINS).copy()
     bins[:, :, 0] = bins[:, :, 0].real        # imaginary parts of bins 0 and 8
     bins[:, :, BINS - 1] = bins[:, :, BINS - 1].real   # play no part
     frames = np.fft.irfft(bins, n=FFT_LEN, axis=2) * WINDOW   # 1/16 scale included
