@@ -45,7 +45,14 @@ def transposed_conv(x, weight, stride, state, key):
 class CausalConv1d(nn.Conv1d):
     """Conv1d that sees only the past. Whole sequences are left-padded with
     zeros; in streaming use the inputs a frame still needs from earlier
-    frames are kept in the state dict under the layer itself."""
+    frames are kept in the state dict under the layer itself.
+
+    With streaming_matmul set, streaming calls gather the taps and run one
+    matrix product (depthwise: a weighted sum) instead: on one thread
+    PyTorch's convolution kernels are several times slower than that on a
+    few steps. A tuning step a user may or may not take.
+    """
+    streaming_matmul = False
 
     def __init__(self, cin, cout, kernel, stride=1, dilation=1, groups=1, bias=True):
         super().__init__(cin, cout, kernel, stride=stride, dilation=dilation, groups=groups, bias=bias)
@@ -57,9 +64,17 @@ class CausalConv1d(nn.Conv1d):
         if past is None:
             past = x.new_zeros(x.shape[0], x.shape[1], self.context)
         x = torch.cat([past, x], dim=-1)
-        if state is not None:
-            state[self] = x[..., x.shape[-1] - self.context:]
-        return super().forward(x)
+        if state is None:
+            return super().forward(x)
+        state[self] = x[..., x.shape[-1] - self.context:]
+        if not self.streaming_matmul:
+            return super().forward(x)
+        span = (self.kernel_size[0] - 1) * self.dilation[0] + 1
+        taps = x.unfold(-1, span, self.stride[0])[..., ::self.dilation[0]]      # [B, C, T, K]
+        if self.groups == 1:
+            return F.linear(taps.transpose(1, 2).flatten(2), self.weight.flatten(1), self.bias).transpose(1, 2)
+        # Depthwise: weight [C, 1, K] meets the taps of its own channel.
+        return (taps * self.weight).sum(-1) + self.bias[:, None]
 
 
 class CausalConvTranspose1d(nn.ConvTranspose1d):
@@ -268,7 +283,7 @@ class ResidualStack(nn.Module):
             for first, second in zip(convs[0::2], convs[1::2]):
                 r = r + second(F.silu(first(F.silu(r), state)), state)
             results.append(r)
-        return (results[2] + results[0] + results[1]) * (1 / 3)
+        return (results[2] + results[0] + results[1]) * (1 / 3)   # the engine's order: 11, 3, 7
 
     def file_tensors(self):
         return [t for convs in self.blocks for conv in convs for t in (conv.weight, conv.bias)]

@@ -1,11 +1,19 @@
-// Streaming layer kernels, in two builds with identical results:
-//   scalar::  the definition, plain loops in the order that fixes the result;
-//   avx2::    the same per-output order with 256-bit vectors (the engine's path).
+// Streaming layer kernels, in four builds with identical results:
+//   scalar::       the definition, plain loops in the order that fixes the result;
+//   avx2::         the same per-output order with 256-bit vectors, one panel at
+//                  a time (the straightforward build, kernel set "basic");
+//   fast_avx2::    the engine's sweeps (sweep.inc, fast_kernels.inc): several
+//                  steps per pass over the weights, weights prefetched ahead,
+//                  GELU fused behind the product that feeds it;
+//   fast_avx512::  the same with 512-bit vectors.
+// engine/kernel_set.h chooses which build the processing functions run.
 // Every matrix product starts from the bias and accumulates with fused
 // multiply-adds over the inputs in ascending order, 32 outputs (one Panel32
 // panel) at a time. Kernels read weights and their input, and write only
 // their slot; all state lives in the caller's context.
 #pragma once
+#include <cstddef>
+
 #include "half.h"
 #include "shared_layout.h"
 
@@ -23,6 +31,11 @@ void NormalizationCoefficients(const float* x, int n, float* r, float* s);
   void PanelProduct(const f16* weight, const f16* bias, const float* x, float* y, int outputs, int inputs); \
   /* In place, n a multiple of 8. */                                                                     \
   void GeluInPlace(float* x, int n);                                                                     \
+  /* The same, while fetching the next layer's weights into cache (a hint; only the fast builds use it). */ \
+  void GeluInPlacePrefetching(float* x, int n, const f16* next, std::size_t next_halves);                \
+  /* y = GELU(bias + W x), fetching the next layer's weights meanwhile (the same hint). */               \
+  void PanelProductGelu(const f16* weight, const f16* bias, const float* x, float* y, int outputs, int inputs, \
+                        const f16* next, std::size_t next_halves);                                      \
   void SiluInPlace(float* x, int n);                                                                     \
   void Normalize(float* x, int n);                                                                       \
   /* Normalise, then x * scale + shift as one fused multiply-add. */                                     \
@@ -35,6 +48,12 @@ namespace scalar {
 CORVINA_DECLARE_KERNELS
 }
 namespace avx2 {
+CORVINA_DECLARE_KERNELS
+}
+namespace fast_avx2 {
+CORVINA_DECLARE_KERNELS
+}
+namespace fast_avx512 {
 CORVINA_DECLARE_KERNELS
 }
 #undef CORVINA_DECLARE_KERNELS

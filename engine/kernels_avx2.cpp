@@ -49,6 +49,14 @@ void GeluInPlace(float* x, int n) {
   }
 }
 
+void GeluInPlacePrefetching(float* x, int n, const f16*, std::size_t) { GeluInPlace(x, n); }
+
+void PanelProductGelu(const f16* weight, const f16* bias, const float* x, float* y, int outputs, int inputs,
+                      const f16*, std::size_t) {
+  PanelProduct(weight, bias, x, y, outputs, inputs);
+  GeluInPlace(y, outputs);
+}
+
 void SiluInPlace(float* x, int n) {
   for (int i = 0; i < n; i += 8) _mm256_storeu_ps(x + i, Silu8(_mm256_loadu_ps(x + i)));
 }

@@ -27,6 +27,14 @@ void GeluInPlace(float* x, int n) {
   for (int i = 0; i < n; ++i) x[i] = Gelu(x[i]);
 }
 
+void GeluInPlacePrefetching(float* x, int n, const f16*, std::size_t) { GeluInPlace(x, n); }
+
+void PanelProductGelu(const f16* weight, const f16* bias, const float* x, float* y, int outputs, int inputs,
+                      const f16*, std::size_t) {
+  PanelProduct(weight, bias, x, y, outputs, inputs);
+  GeluInPlace(y, outputs);
+}
+
 void SiluInPlace(float* x, int n) {
   for (int i = 0; i < n; ++i) x[i] = Silu(x[i]);
 }

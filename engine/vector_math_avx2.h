@@ -46,5 +46,18 @@ inline __m256 RecurrentTanh8(__m256 a) {
 
 inline __m256 Silu8(__m256 x) { return _mm256_mul_ps(x, Sigmoid8(x)); }
 
+// The operations the width-generic kernels (fast_kernels.inc) need, on 8 lanes.
+struct Lanes8 {
+  using V = __m256;
+  static constexpr int kWidth = 8;
+  static V Half(const f16* p) { return _mm256_cvtph_ps(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p))); }
+  static V Load(const float* p) { return _mm256_loadu_ps(p); }
+  static void Store(float* p, V v) { _mm256_storeu_ps(p, v); }
+  static V Splat(const float* p) { return _mm256_broadcast_ss(p); }
+  static V Zero() { return _mm256_setzero_ps(); }
+  static V Fma(V a, V b, V c) { return _mm256_fmadd_ps(a, b, c); }
+  static V Add(V a, V b) { return _mm256_add_ps(a, b); }
+};
+
 }  // namespace
 }  // namespace corvina

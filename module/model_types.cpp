@@ -1,7 +1,10 @@
 // The six object types. Each model object owns one model block, each context
 // object one context block; the engine's Create/Destroy functions manage them.
+#include <new>
+
 #include "../engine/corvina.h"
 #include "calls.h"
+#include "engine_claim.h"
 #include "objects.h"
 
 namespace corvina {
@@ -54,9 +57,11 @@ typename Kind::Model* BlockOf(ModelObject* self) {
   return static_cast<typename Kind::Model*>(self->model);
 }
 
-// Arguments are ignored; calling it again frees the block it replaces.
+// Arguments are ignored; calling it again frees the block it replaces, so it
+// is refused while a call on another thread is using that block.
 template <typename Kind>
 int ModelInit(PyObject* self, PyObject*, PyObject*) {
+  if (!ModelIsIdle(self)) return -1;
   auto* object = reinterpret_cast<ModelObject*>(self);
   typename Kind::Model* old = BlockOf<Kind>(object);
   object->model = Kind::Create();
@@ -74,7 +79,9 @@ template <typename Kind>
 PyObject* ReadParameters(PyObject* self, PyObject* args) {
   PyObject* path = nullptr;
   if (!PyArg_ParseTuple(args, "O&", PyUnicode_FSConverter, &path)) return nullptr;
-  void* model = ModelBlock(self);
+  // Checked after the path conversion, which may run Python code. The lock is
+  // held while reading, so no call can start on the model meanwhile.
+  void* model = ModelIsIdle(self) ? ModelBlock(self) : nullptr;
   if (model != nullptr) Kind::Read(static_cast<typename Kind::Model*>(model), PyBytes_AS_STRING(path));
   Py_DECREF(path);
   if (model == nullptr) return nullptr;
@@ -93,15 +100,17 @@ PyObject* NewContext(PyObject*, PyObject* args) {
   if (context == nullptr) return nullptr;
   context->length = 1;
   context->context = Kind::CreateContext();
+  new (&context->in_use) std::atomic<bool>(false);  // this allocation is not zero-filled
   return reinterpret_cast<PyObject*>(context);
 }
 
 // Any length is accepted; only length 1 gets an engine block. Calling it again
-// frees the block it replaces.
+// frees the block it replaces, so it is refused while a call is using it.
 template <typename Kind>
 int ContextInit(PyObject* self, PyObject* args, PyObject*) {
   int length;
   if (!PyArg_ParseTuple(args, "i", &length)) return -1;
+  if (!ContextIsIdle(self)) return -1;
   auto* object = reinterpret_cast<ContextObject*>(self);
   auto* old = static_cast<typename Kind::Context*>(object->context);
   object->length = length;

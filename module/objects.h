@@ -1,20 +1,25 @@
 // Python objects of the module: one model type and one context type per model.
 #pragma once
+#include <atomic>
 #include <cstdint>
 
 #include "python_api.h"
 
 namespace corvina {
 
+// The counters below start at zero because the type's allocator zero-fills
+// the object; new_context, which allocates without zeroing, constructs them.
 struct ModelObject {
   PyObject_HEAD
-  void* model;  // owned model block
+  void* model;                        // owned model block
+  std::atomic<std::int32_t> running;  // engine calls using the block right now
 };
 
 struct ContextObject {
   PyObject_HEAD
   std::int32_t length;
-  void* context;  // owned context block, present only when length is 1
+  void* context;              // owned context block, present only when length is 1
+  std::atomic<bool> in_use;   // set while one engine call owns the block
 };
 
 extern PyTypeObject PhoneContextType;

@@ -1,6 +1,7 @@
 // PhoneExtractor.__call__(input, context) -> float32 array (length, 256).
 #include "../engine/corvina.h"
 #include "calls.h"
+#include "engine_claim.h"
 #include "objects.h"
 
 namespace corvina {
@@ -12,10 +13,8 @@ PyObject* PhoneExtractorCall(PyObject* self, PyObject* args, PyObject* kwargs) {
   if (!PyArg_ParseTupleAndKeywords(args, kwargs, "OO!", const_cast<char**>(keywords), &input_object,
                                    &PhoneContextType, &context_object))
     return nullptr;
-  void* context = ContextBlock(context_object);
-  if (context == nullptr) return nullptr;
-  void* model = ModelBlock(self);
-  if (model == nullptr) return nullptr;
+  if (ContextBlock(context_object) == nullptr) return nullptr;
+  if (ModelBlock(self) == nullptr) return nullptr;
   const npy_intp length = reinterpret_cast<ContextObject*>(context_object)->length;
 
   PyArrayObject* input = AsFloat32Array(input_object, 1);
@@ -31,10 +30,20 @@ PyObject* PhoneExtractorCall(PyObject* self, PyObject* args, PyObject* kwargs) {
     Py_DECREF(input);
     return nullptr;
   }
-  Corvina_ExtractPhone1(static_cast<const CorvinaPhoneExtractor*>(model),
-                        static_cast<const float*>(PyArray_DATA(input)),
-                        static_cast<float*>(PyArray_DATA(reinterpret_cast<PyArrayObject*>(phone))),
-                        static_cast<CorvinaPhoneContext1*>(context));
+  {
+    EngineClaim claim(self, context_object);
+    if (!claim) {
+      Py_DECREF(input);
+      Py_DECREF(phone);
+      return nullptr;
+    }
+    const float* samples = static_cast<const float*>(PyArray_DATA(input));
+    float* features = static_cast<float*>(PyArray_DATA(reinterpret_cast<PyArrayObject*>(phone)));
+    Py_BEGIN_ALLOW_THREADS
+    Corvina_ExtractPhone1(static_cast<const CorvinaPhoneExtractor*>(claim.model_block()), samples, features,
+                          static_cast<CorvinaPhoneContext1*>(claim.context_block()));
+    Py_END_ALLOW_THREADS
+  }
   Py_DECREF(input);
   if (PyErr_Occurred()) {
     Py_DECREF(phone);

@@ -1,6 +1,7 @@
 // PitchEstimator.__call__(input, context) -> (quantized_pitch, pitch_features).
 #include "../engine/corvina.h"
 #include "calls.h"
+#include "engine_claim.h"
 #include "objects.h"
 
 namespace corvina {
@@ -12,10 +13,8 @@ PyObject* PitchEstimatorCall(PyObject* self, PyObject* args, PyObject* kwargs) {
   if (!PyArg_ParseTupleAndKeywords(args, kwargs, "OO!", const_cast<char**>(keywords), &input_object,
                                    &PitchContextType, &context_object))
     return nullptr;
-  void* context = ContextBlock(context_object);
-  if (context == nullptr) return nullptr;
-  void* model = ModelBlock(self);
-  if (model == nullptr) return nullptr;
+  if (ContextBlock(context_object) == nullptr) return nullptr;
+  if (ModelBlock(self) == nullptr) return nullptr;
   const npy_intp length = reinterpret_cast<ContextObject*>(context_object)->length;
 
   PyArrayObject* input = AsFloat32Array(input_object, 1);
@@ -34,11 +33,22 @@ PyObject* PitchEstimatorCall(PyObject* self, PyObject* args, PyObject* kwargs) {
     Py_DECREF(input);
     return nullptr;
   }
-  Corvina_EstimatePitch1(static_cast<const CorvinaPitchEstimator*>(model),
-                         static_cast<const float*>(PyArray_DATA(input)),
-                         static_cast<std::int32_t*>(PyArray_DATA(reinterpret_cast<PyArrayObject*>(quantized_pitch))),
-                         static_cast<float*>(PyArray_DATA(reinterpret_cast<PyArrayObject*>(pitch_features))),
-                         static_cast<CorvinaPitchContext1*>(context));
+  {
+    EngineClaim claim(self, context_object);
+    if (!claim) {
+      Py_DECREF(quantized_pitch);
+      Py_DECREF(pitch_features);
+      Py_DECREF(input);
+      return nullptr;
+    }
+    const float* samples = static_cast<const float*>(PyArray_DATA(input));
+    auto* bin = static_cast<std::int32_t*>(PyArray_DATA(reinterpret_cast<PyArrayObject*>(quantized_pitch)));
+    auto* features = static_cast<float*>(PyArray_DATA(reinterpret_cast<PyArrayObject*>(pitch_features)));
+    Py_BEGIN_ALLOW_THREADS
+    Corvina_EstimatePitch1(static_cast<const CorvinaPitchEstimator*>(claim.model_block()), samples, bin, features,
+                           static_cast<CorvinaPitchContext1*>(claim.context_block()));
+    Py_END_ALLOW_THREADS
+  }
   Py_DECREF(input);
   return Py_BuildValue("(NN)", quantized_pitch, pitch_features);
 }

@@ -2,6 +2,7 @@
 // speaker_embeddings, context) -> float32 samples (length * 240,).
 #include "../engine/corvina.h"
 #include "calls.h"
+#include "engine_claim.h"
 #include "objects.h"
 
 namespace corvina {
@@ -50,10 +51,8 @@ PyObject* WaveformGeneratorCall(PyObject* self, PyObject* args, PyObject* kwargs
                                    &pitch_object, &features_object, &speaker_object, &WaveformContextType,
                                    &context_object))
     return nullptr;
-  void* context = ContextBlock(context_object);
-  if (context == nullptr) return nullptr;
-  void* model = ModelBlock(self);
-  if (model == nullptr) return nullptr;
+  if (ContextBlock(context_object) == nullptr) return nullptr;
+  if (ModelBlock(self) == nullptr) return nullptr;
   const npy_intp length = reinterpret_cast<ContextObject*>(context_object)->length;
 
   WaveformInputs in;
@@ -66,24 +65,31 @@ PyObject* WaveformGeneratorCall(PyObject* self, PyObject* args, PyObject* kwargs
     return nullptr;
   }
   // The engine reads the pitch-embedding row without a bound, so a bin
-  // outside the table is refused here.
-  const auto* bins = static_cast<const std::int32_t*>(PyArray_DATA(in.quantized_pitch));
-  for (npy_intp f = 0; f < length; ++f) {
-    if (bins[f] < 0 || bins[f] >= CORVINA_PITCH_BINS) {
-      PyErr_SetString(PyExc_ValueError, "quantized_pitch not in range(PITCH_BINS)");
-      return nullptr;
-    }
+  // outside the table is refused here. The bin is copied before the check:
+  // the conversion may hand back the caller's own array, which another thread
+  // can write once the lock is released. A usable context has length 1.
+  const std::int32_t bin = *static_cast<const std::int32_t*>(PyArray_DATA(in.quantized_pitch));
+  if (bin < 0 || bin >= CORVINA_PITCH_BINS) {
+    PyErr_SetString(PyExc_ValueError, "quantized_pitch not in range(PITCH_BINS)");
+    return nullptr;
   }
 
   npy_intp shape[1] = {length * CORVINA_OUT_HOP_LENGTH};
   PyObject* output = PyArray_SimpleNew(1, shape, NPY_FLOAT32);
   if (output == nullptr) return nullptr;
-  Corvina_GenerateWaveform1(static_cast<const CorvinaWaveformGenerator*>(model),
-                            static_cast<const float*>(PyArray_DATA(in.phone)), bins,
-                            static_cast<const float*>(PyArray_DATA(in.pitch_features)),
-                            static_cast<const float*>(PyArray_DATA(in.speaker_embeddings)),
-                            static_cast<float*>(PyArray_DATA(reinterpret_cast<PyArrayObject*>(output))),
-                            static_cast<CorvinaWaveformContext1*>(context));
+  EngineClaim claim(self, context_object);
+  if (!claim) {
+    Py_DECREF(output);
+    return nullptr;
+  }
+  const float* phone = static_cast<const float*>(PyArray_DATA(in.phone));
+  const float* features = static_cast<const float*>(PyArray_DATA(in.pitch_features));
+  const float* speaker = static_cast<const float*>(PyArray_DATA(in.speaker_embeddings));
+  float* samples = static_cast<float*>(PyArray_DATA(reinterpret_cast<PyArrayObject*>(output)));
+  Py_BEGIN_ALLOW_THREADS
+  Corvina_GenerateWaveform1(static_cast<const CorvinaWaveformGenerator*>(claim.model_block()), phone, &bin, features,
+                            speaker, samples, static_cast<CorvinaWaveformContext1*>(claim.context_block()));
+  Py_END_ALLOW_THREADS
   return output;
 }
 

@@ -1,9 +1,11 @@
 // Exported entry points of the phone extractor. Compiled without vector ISA
-// flags: only the network itself (phone_network_avx2.cpp) uses AVX2.
+// flags: only the networks themselves (phone_network_avx2.cpp,
+// phone_fast_*.cpp) use vector instructions; the kernel set picks one.
 #include <cstring>
 
 #include "../engine/aligned_block.h"
 #include "../engine/corvina.h"
+#include "../engine/kernel_set.h"
 #include "phone_kernels.h"
 #include "phone_layout.h"
 #include "phone_parameters.h"
@@ -37,8 +39,14 @@ int Corvina_ReadPhoneExtractorParameters(CorvinaPhoneExtractor* model, const cha
 
 void Corvina_ExtractPhone1(const CorvinaPhoneExtractor* model, const float* input, float* output,
                            CorvinaPhoneContext1* context) {
-  const float* features = avx2::ExtractPhone(*reinterpret_cast<const PhoneExtractorBlock*>(model), input,
-                                             reinterpret_cast<PhoneContext*>(context));
+  const auto& block = *reinterpret_cast<const PhoneExtractorBlock*>(model);
+  auto* state = reinterpret_cast<PhoneContext*>(context);
+  const float* features;
+  switch (ActiveKernelSet()) {
+    case KernelSet::kAvx512: features = fast_avx512::ExtractPhone(block, input, state); break;
+    case KernelSet::kAvx2: features = fast_avx2::ExtractPhone(block, input, state); break;
+    default: features = avx2::ExtractPhone(block, input, state); break;
+  }
   std::memcpy(output, features, kChannels * sizeof(float));
 }
 

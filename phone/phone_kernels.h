@@ -1,6 +1,7 @@
-// The phone extractor's own layers, in two builds with identical results:
+// The phone extractor's own layers, in four builds with identical results:
 //   scalar::  the definition, plain loops in the order that fixes the result;
-//   avx2::    the same per-output order with 256-bit vectors (the engine's path).
+//   avx2::    the same per-output order with 256-bit vectors, one panel at a time;
+//   fast_avx2::, fast_avx512::  the engine's sweeps, several positions per pass (phone_fast.inc).
 // Front-end convolutions carry no bias: each output starts from zero and
 // accumulates over taps (outer) and input channels (ascending) with fused
 // multiply-adds. Each layer updates its own history and ends with the GELU.
@@ -38,6 +39,12 @@ namespace scalar {
 CORVINA_DECLARE_PHONE_KERNELS
 }
 namespace avx2 {
+CORVINA_DECLARE_PHONE_KERNELS
+}
+namespace fast_avx2 {  // phone_fast.inc
+CORVINA_DECLARE_PHONE_KERNELS
+}
+namespace fast_avx512 {
 CORVINA_DECLARE_PHONE_KERNELS
 }
 #undef CORVINA_DECLARE_PHONE_KERNELS

@@ -1,7 +1,8 @@
 // The per-frame sequence of the phone extractor, written once over a set of
 // kernels: phone_network_scalar.cpp instantiates it with the scalar
-// definitions, phone_network_avx2.cpp with their vector twins, so the two
-// networks can only differ where a kernel pair does.
+// definitions, phone_network_avx2.cpp with their vector twins and
+// phone_fast_*.cpp with the fast builds, so the networks can only differ
+// where a kernel pair does.
 #pragma once
 #include "../engine/kernels.h"
 #include "phone_kernels.h"
@@ -17,12 +18,15 @@ namespace corvina {
     static constexpr auto Normalize = &isa::Normalize;                       \
     static constexpr auto NormalizeScaleShift = &isa::NormalizeScaleShift;   \
     static constexpr auto GeluInPlace = &isa::GeluInPlace;                   \
+    static constexpr auto GeluInPlacePrefetching = &isa::GeluInPlacePrefetching; \
     static constexpr auto DenseLayer = &isa::DenseLayer;                     \
     static constexpr auto CausalConv7Layer = &isa::CausalConv7Layer;         \
     static constexpr auto ResidualConvBlock = &isa::ResidualConvBlock;       \
   };
 CORVINA_PHONE_KERNEL_SET(ScalarPhoneKernels, scalar)
 CORVINA_PHONE_KERNEL_SET(VectorPhoneKernels, avx2)
+CORVINA_PHONE_KERNEL_SET(FastAvx2PhoneKernels, fast_avx2)
+CORVINA_PHONE_KERNEL_SET(FastAvx512PhoneKernels, fast_avx512)
 #undef CORVINA_PHONE_KERNEL_SET
 
 namespace {  // one instantiation per translation unit, each with its own flags
@@ -69,7 +73,7 @@ const float* RunPhoneNetwork(const PhoneExtractorBlock& model, const float* x, P
   }
   float* last = context->blocks[kPhoneResidualBlocks - 1].output;
   K::NormalizeScaleShift(last, model.final_norm_scale, model.final_norm_shift, kChannels);
-  K::GeluInPlace(last, kChannels);
+  K::GeluInPlacePrefetching(last, kChannels, model.output_dense.weight, kChannels * kChannels);
   return K::DenseLayer(model.output_dense, last, &context->output_dense);
 }
 

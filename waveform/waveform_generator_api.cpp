@@ -1,9 +1,11 @@
 // Exported entry points of the waveform generator. Compiled without vector ISA
-// flags: only the network and synthesis use AVX2.
+// flags: only the network and synthesis builds use vector instructions; the
+// kernel set picks one.
 #include <cstring>
 
 #include "../engine/aligned_block.h"
 #include "../engine/corvina.h"
+#include "../engine/kernel_set.h"
 #include "waveform_kernels.h"
 #include "waveform_layout.h"
 #include "waveform_parameters.h"
@@ -52,8 +54,13 @@ void Corvina_GenerateWaveform1(const CorvinaWaveformGenerator* model, const floa
   state->inputs[kPitchFeaturesInput] = frame.pitch_features;
   state->inputs[kQuantizedPitchInput] = &frame.quantized_pitch;
   state->inputs[kPhoneInput] = frame.phone;
-  const float* samples =
-      avx2::GenerateWaveform(*reinterpret_cast<const WaveformGeneratorBlock*>(model), state->inputs, state);
+  const auto& block = *reinterpret_cast<const WaveformGeneratorBlock*>(model);
+  const float* samples;
+  switch (ActiveKernelSet()) {
+    case KernelSet::kAvx512: samples = fast_avx512::GenerateWaveform(block, state->inputs, state); break;
+    case KernelSet::kAvx2: samples = fast_avx2::GenerateWaveform(block, state->inputs, state); break;
+    default: samples = avx2::GenerateWaveform(block, state->inputs, state); break;
+  }
   std::memcpy(output, samples, sizeof(float) * kOutHop);
 }
 

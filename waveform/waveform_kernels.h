@@ -1,7 +1,8 @@
-// The waveform generator's layers and stages, in two builds with identical
+// The waveform generator's layers and stages, in four builds with identical
 // results:
 //   scalar::  the definition, plain loops in the order that fixes the result;
-//   avx2::    the same per-output order with 256-bit vectors (the engine's path).
+//   avx2::    the same per-output order with 256-bit vectors (kernel set "basic");
+//   fast_avx2::, fast_avx512::  the same stages on the fast kernels.
 // The stages built from kernels (residual stacks, upsampling, synthesis, the
 // whole frame) are written once, in the *.inc bodies, and compiled in both
 // namespaces, so a whole scalar generator can be compared with the vector one.
@@ -75,6 +76,12 @@ namespace scalar {
 CORVINA_DECLARE_WAVEFORM_KERNELS
 }
 namespace avx2 {
+CORVINA_DECLARE_WAVEFORM_KERNELS
+}
+namespace fast_avx2 {  // waveform_fast_avx2.cpp
+CORVINA_DECLARE_WAVEFORM_KERNELS
+}
+namespace fast_avx512 {
 CORVINA_DECLARE_WAVEFORM_KERNELS
 }
 #undef CORVINA_DECLARE_WAVEFORM_KERNELS

@@ -5,6 +5,24 @@
 #include <cstddef>
 #include <cstdint>
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+// Under a sanitizer its runtime owns malloc and operator new, and replacing
+// malloc here would hand its blocks to glibc's free: count through the
+// runtime's allocation hook instead.
+extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*on_allocate)(const volatile void*, std::size_t),
+                                                         void (*on_free)(const volatile void*));
+
+namespace alloc_counter {
+inline std::uint64_t& Count() {
+  static std::uint64_t count = 0;
+  return count;
+}
+inline void OnAllocate(const volatile void*, std::size_t) { ++Count(); }
+inline void OnFree(const volatile void*) {}
+inline const int kHooked = __sanitizer_install_malloc_and_free_hooks(OnAllocate, OnFree);
+}  // namespace alloc_counter
+
+#else
 extern "C" {
 void* __libc_malloc(std::size_t);
 void* __libc_calloc(std::size_t, std::size_t);
@@ -48,3 +66,4 @@ int posix_memalign(void** out, std::size_t alignment, std::size_t size) {
 }
 void free(void* p) { __libc_free(p); }
 }
+#endif

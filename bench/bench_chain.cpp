@@ -1,0 +1,272 @@
+// Whole-chain speed for one stream on one thread: the phone extractor, the
+// pitch estimator and the waveform generator, frame after frame through the C
+// interface, with every kernel set this processor supports timed in the same
+// run (the sets take turns frame by frame, so a change in machine load hits
+// them alike). Per model and for the whole frame: median and 99th percentile of
+// the microseconds per 10 ms frame and the real-time factor 10 ms / median;
+// the fast sets' speed-up over the straightforward kernels ("basic"); and the
+// memory one stream (its three contexts) and one model set (the three model
+// blocks) take.
+//   cmake --build build/perf --target bench_chain &&
+//   build/perf/bench/bench_chain [--frames N] [--set NAME] [--json PATH] [phone.bin pitch.bin generator.bin]
+// Without files the weights are small random halves (the README shows how to
+// write well-conditioned files with the test references).
+#include <cpuid.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "engine/corvina.h"
+#include "engine/kernel_set.h"
+#include "phone/phone_layout.h"
+#include "pitch/pitch_layout.h"
+#include "waveform/waveform_layout.h"
+
+using namespace corvina;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+constexpr int kWarmUp = 200;
+constexpr int kParts = 4;  // phone, pitch, waveform, whole frame
+const char* const kPartNames[kParts] = {"phone", "pitch", "waveform", "chain"};
+
+struct Options {
+  int frames = 2000;  // timed frames per kernel set
+  const char* json = nullptr;
+  const char* only = nullptr;  // --set NAME: time this kernel set alone (for instruction counting)
+  const char* files[3] = {nullptr, nullptr, nullptr};  // phone, pitch, generator
+};
+
+// Halves of magnitude 2^-9 to 2^-4 with random signs over `bytes` from `start`.
+void FillRandomHalves(void* start, std::size_t bytes, unsigned seed) {
+  auto* halves = static_cast<f16*>(start);
+  std::mt19937 rng(seed);
+  std::uniform_int_distribution<int> exponent(6, 10), mantissa(0, 1023), sign(0, 1);
+  for (std::size_t i = 0; i < bytes / sizeof(f16); ++i)
+    halves[i] = static_cast<f16>((sign(rng) << 15) | (exponent(rng) << 10) | mantissa(rng));
+}
+
+// A gliding voiced tone with noise: the pitch path sees changing bins.
+std::vector<float> Signal(int frames) {
+  std::vector<float> x(static_cast<std::size_t>(frames) * CORVINA_IN_HOP_LENGTH);
+  std::mt19937 rng(3);
+  std::normal_distribution<float> noise(0.0f, 0.02f);
+  double phase = 0.0;
+  for (std::size_t i = 0; i < x.size(); ++i) {
+    phase += 2.0 * 3.14159265358979 * (120.0 + 80.0 * std::sin(static_cast<double>(i) * 2e-5)) / 16000.0;
+    x[i] = 0.3f * static_cast<float>(std::sin(phase) + 0.4 * std::sin(2.0 * phase)) + noise(rng);
+  }
+  return x;
+}
+
+struct Stats {
+  double median, p99;
+};
+
+Stats Summarise(std::vector<double> micros) {
+  std::sort(micros.begin(), micros.end());
+  return {micros[micros.size() / 2], micros[std::min(micros.size() - 1, micros.size() * 99 / 100)]};
+}
+
+struct Chain {
+  const CorvinaPhoneExtractor* phone_model;
+  const CorvinaPitchEstimator* pitch_model;
+  const CorvinaWaveformGenerator* waveform_model;
+};
+
+// One stream's contexts and the frames it has timed.
+struct Stream {
+  CorvinaPhoneContext1* phone = Corvina_CreatePhoneContext1();
+  CorvinaPitchContext1* pitch = Corvina_CreatePitchContext1();
+  CorvinaWaveformContext1* waveform = Corvina_CreateWaveformContext1();
+  std::vector<double> micros[kParts];
+  int next_frame = 0;
+
+  Stream() = default;
+  Stream(const Stream&) = delete;
+  Stream& operator=(const Stream&) = delete;
+  ~Stream() {
+    Corvina_DestroyWaveformContext1(waveform);
+    Corvina_DestroyPitchContext1(pitch);
+    Corvina_DestroyPhoneContext1(phone);
+  }
+
+  void Run(const Chain& chain, const std::vector<float>& signal, const float* speaker, int frames, bool timed) {
+    const int signal_frames = static_cast<int>(signal.size() / CORVINA_IN_HOP_LENGTH);
+    float features[CORVINA_PHONE_CHANNELS], pitch_features[CORVINA_PITCH_FEATURES], output[CORVINA_OUT_HOP_LENGTH];
+    std::int32_t bin;
+    for (int f = 0; f < frames; ++f) {
+      const float* x = signal.data() + static_cast<std::size_t>(next_frame++ % signal_frames) * CORVINA_IN_HOP_LENGTH;
+      const Clock::time_point t0 = Clock::now();
+      Corvina_ExtractPhone1(chain.phone_model, x, features, phone);
+      const Clock::time_point t1 = Clock::now();
+      Corvina_EstimatePitch1(chain.pitch_model, x, &bin, pitch_features, pitch);
+      const Clock::time_point t2 = Clock::now();
+      Corvina_GenerateWaveform1(chain.waveform_model, features, &bin, pitch_features, speaker, output, waveform);
+      const Clock::time_point t3 = Clock::now();
+      if (!timed) continue;
+      const Clock::time_point t[] = {t0, t1, t2, t3};
+      for (int p = 0; p < 3; ++p) micros[p].push_back(std::chrono::duration<double, std::micro>(t[p + 1] - t[p]).count());
+      micros[3].push_back(std::chrono::duration<double, std::micro>(t3 - t0).count());
+    }
+  }
+};
+
+std::string ProcessorName() {
+  unsigned regs[12] = {};
+  for (unsigned leaf = 0; leaf < 3; ++leaf)
+    __get_cpuid(0x80000002u + leaf, &regs[4 * leaf], &regs[4 * leaf + 1], &regs[4 * leaf + 2], &regs[4 * leaf + 3]);
+  char brand[49] = {};
+  std::memcpy(brand, regs, 48);
+  unsigned eax = 0, ebx, ecx, edx;
+  __get_cpuid(1, &eax, &ebx, &ecx, &edx);
+  const unsigned family = ((eax >> 8) & 0xF) + ((eax >> 20) & 0xFF);
+  const unsigned model = ((eax >> 4) & 0xF) | ((eax >> 12) & 0xF0);
+  std::string name(brand);
+  name.erase(name.find_last_not_of(' ') + 1);
+  return name + " (family " + std::to_string(family) + ", model " + std::to_string(model) + ")";
+}
+
+bool ParseOptions(int argc, char** argv, Options* options) {
+  int file = 0;
+  for (int i = 1; i < argc; ++i) {
+    if (std::strcmp(argv[i], "--frames") == 0 && i + 1 < argc) {
+      options->frames = std::atoi(argv[++i]);
+    } else if (std::strcmp(argv[i], "--json") == 0 && i + 1 < argc) {
+      options->json = argv[++i];
+    } else if (std::strcmp(argv[i], "--set") == 0 && i + 1 < argc) {
+      options->only = argv[++i];
+    } else if (argv[i][0] != '-' && file < 3) {
+      options->files[file++] = argv[i];
+    } else {
+      return false;
+    }
+  }
+  return (file == 0 || file == 3) && options->frames >= 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  if (!ParseOptions(argc, argv, &options)) {
+    std::fprintf(stderr,
+                 "usage: %s [--frames N] [--set basic|avx2|avx512] [--json PATH] [phone.bin pitch.bin generator.bin]\n",
+                 argv[0]);
+    return 2;
+  }
+  CorvinaPhoneExtractor* phone = Corvina_CreatePhoneExtractor();
+  CorvinaPitchEstimator* pitch = Corvina_CreatePitchEstimator();
+  CorvinaWaveformGenerator* waveform = Corvina_CreateWaveformGenerator();
+  if (options.files[0] != nullptr) {
+    Corvina_ReadPhoneExtractorParameters(phone, options.files[0]);
+    Corvina_ReadPitchEstimatorParameters(pitch, options.files[1]);
+    Corvina_ReadWaveformGeneratorParameters(waveform, options.files[2]);
+  } else {
+    FillRandomHalves(phone, CORVINA_PHONE_EXTRACTOR_PARAMETER_BYTES, 1);
+    FillRandomHalves(reinterpret_cast<char*>(pitch) + 64, CORVINA_PITCH_ESTIMATOR_PARAMETER_BYTES, 2);
+    FillRandomHalves(waveform, CORVINA_WAVEFORM_GENERATOR_PARAMETER_BYTES, 3);
+  }
+  const Chain chain{phone, pitch, waveform};
+  const std::vector<float> signal = Signal(1000);
+  std::vector<float> speaker(CORVINA_WAVEFORM_GENERATOR_HIDDEN_CHANNELS);
+  for (std::size_t i = 0; i < speaker.size(); ++i) speaker[i] = 0.3f * static_cast<float>(std::sin(0.7 * i));
+
+  std::vector<KernelSet> sets;
+  for (int i = 0; i < kKernelSets; ++i)
+    if (KernelSetSupported(static_cast<KernelSet>(i)) &&
+        (options.only == nullptr || std::strcmp(options.only, KernelSetName(static_cast<KernelSet>(i))) == 0))
+      sets.push_back(static_cast<KernelSet>(i));
+  if (sets.empty()) {
+    std::fprintf(stderr, "kernel set %s is not supported here\n", options.only);
+    return 2;
+  }
+  const KernelSet active = ActiveKernelSet();
+  double load_before[3] = {}, load_after[3] = {};
+  getloadavg(load_before, 3);
+
+  // Frame by frame in turn, so every set meets the same machine load and the
+  // same cache state (the other sets' frames have just passed through).
+  std::vector<Stream> streams(sets.size());
+  for (int frame = 0; frame < kWarmUp + options.frames; ++frame)
+    for (std::size_t s = 0; s < sets.size(); ++s) {
+      SelectKernelSet(sets[s]);
+      streams[s].Run(chain, signal, speaker.data(), 1, frame >= kWarmUp);
+    }
+  SelectKernelSet(active);
+  getloadavg(load_after, 3);
+
+  const std::size_t stream_bytes = sizeof(PhoneContext) + sizeof(PitchContext) + sizeof(WaveformContext);
+  const std::size_t model_bytes = sizeof(PhoneExtractorBlock) + sizeof(PitchEstimatorBlock) +
+                                  sizeof(WaveformGeneratorBlock);
+  const std::string processor = ProcessorName();
+  const int timed = options.frames;
+
+  std::printf("corvina chain, one stream, one thread: %d timed frames per kernel set after %d warm-up frames, the "
+              "sets taking turns frame by frame\n", timed, kWarmUp);
+  std::printf("processor: %s; active kernel set: %s\n", processor.c_str(), KernelSetName(active));
+  std::printf("weights: %s; load average %.2f before, %.2f after\n\n",
+              options.files[0] != nullptr ? "parameter files" : "random halves", load_before[0], load_after[0]);
+  std::printf("| kernel set | model | median us | p99 us | x real time |\n|---|---|---:|---:|---:|\n");
+  std::vector<Stats> stats(sets.size() * kParts);
+  for (std::size_t s = 0; s < sets.size(); ++s)
+    for (int p = 0; p < kParts; ++p) {
+      const Stats st = stats[s * kParts + p] = Summarise(streams[s].micros[p]);
+      std::printf("| %s | %s | %.1f | %.1f | %.1f |\n", KernelSetName(sets[s]), kPartNames[p], st.median, st.p99,
+                  10000.0 / st.median);
+    }
+  const bool has_basic = sets[0] == KernelSet::kBasic;
+  if (has_basic) std::printf("\nchain speed-up over basic (median, p99):");
+  for (std::size_t s = 1; has_basic && s < sets.size(); ++s)
+    std::printf(" %s %.2fx, %.2fx;", KernelSetName(sets[s]), stats[3].median / stats[s * kParts + 3].median,
+                stats[3].p99 / stats[s * kParts + 3].p99);
+  std::printf("\nmemory per stream (three contexts): %zu + %zu + %zu = %zu bytes (%.1f KiB)\n", sizeof(PhoneContext),
+              sizeof(PitchContext), sizeof(WaveformContext), stream_bytes, stream_bytes / 1024.0);
+  std::printf("memory per model set (three model blocks): %zu + %zu + %zu = %zu bytes (%.1f MiB)\n",
+              sizeof(PhoneExtractorBlock), sizeof(PitchEstimatorBlock), sizeof(WaveformGeneratorBlock), model_bytes,
+              model_bytes / 1048576.0);
+
+  if (options.json != nullptr) {
+    std::FILE* out = std::fopen(options.json, "w");
+    if (out == nullptr) {
+      std::fprintf(stderr, "cannot write %s\n", options.json);
+      return 1;
+    }
+    std::fprintf(out, "{\n  \"processor\": \"%s\",\n  \"active_kernel_set\": \"%s\",\n", processor.c_str(),
+                 KernelSetName(active));
+    std::fprintf(out, "  \"weights\": \"%s\",\n  \"timed_frames\": %d,\n  \"load_average\": [%.2f, %.2f],\n",
+                 options.files[0] != nullptr ? "parameter files" : "random halves", timed, load_before[0],
+                 load_after[0]);
+    std::fprintf(out, "  \"kernel_sets\": {");
+    for (std::size_t s = 0; s < sets.size(); ++s) {
+      std::fprintf(out, "%s\n    \"%s\": {", s ? "," : "", KernelSetName(sets[s]));
+      for (int p = 0; p < kParts; ++p) {
+        const Stats& st = stats[s * kParts + p];
+        std::fprintf(out, "%s\n      \"%s\": {\"median_us\": %.2f, \"p99_us\": %.2f, \"real_time_factor\": %.2f}",
+                     p ? "," : "", kPartNames[p], st.median, st.p99, 10000.0 / st.median);
+      }
+      if (has_basic)
+        std::fprintf(out, ",\n      \"chain_speedup_over_basic\": {\"median\": %.3f, \"p99\": %.3f}",
+                     stats[3].median / stats[s * kParts + 3].median, stats[3].p99 / stats[s * kParts + 3].p99);
+      std::fprintf(out, "\n    }");
+    }
+    std::fprintf(out, "\n  },\n  \"memory_bytes\": {\"per_stream\": %zu, \"phone_context\": %zu, \"pitch_context\": %zu, "
+                      "\"waveform_context\": %zu, \"per_model_set\": %zu, \"phone_model\": %zu, \"pitch_model\": %zu, "
+                      "\"waveform_model\": %zu}\n}\n",
+                 stream_bytes, sizeof(PhoneContext), sizeof(PitchContext), sizeof(WaveformContext), model_bytes,
+                 sizeof(PhoneExtractorBlock), sizeof(PitchEstimatorBlock), sizeof(WaveformGeneratorBlock));
+    std::fclose(out);
+  }
+  Corvina_DestroyWaveformGenerator(waveform);
+  Corvina_DestroyPitchEstimator(pitch);
+  Corvina_DestroyPhoneExtractor(phone);
+  return 0;
+}

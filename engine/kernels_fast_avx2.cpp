@@ -1,0 +1,17 @@
+// The fast shared kernels on 256-bit vectors; the kernels themselves are in
+// fast_kernels.inc.
+#include <cmath>
+#include <cstring>
+
+#include "kernels.h"
+#include "vector_math_avx2.h"
+
+namespace corvina {
+namespace fast_avx2 {
+
+using Lanes = Lanes8;
+#include "sweep.inc"
+#include "fast_kernels.inc"
+
+}  // namespace fast_avx2
+}  // namespace corvina

@@ -1,0 +1,18 @@
+// The fast shared kernels on 512-bit vectors; the kernels themselves are in
+// fast_kernels.inc.
+#include <cmath>
+#include <cstring>
+
+#include "kernels.h"
+#include "vector_math_avx2.h"
+#include "vector_math_avx512.h"
+
+namespace corvina {
+namespace fast_avx512 {
+
+using Lanes = Lanes16;
+#include "sweep.inc"
+#include "fast_kernels.inc"
+
+}  // namespace fast_avx512
+}  // namespace corvina

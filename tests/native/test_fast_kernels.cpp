@@ -1,0 +1,219 @@
+// The fast kernel builds (fast_avx2, and fast_avx512 where the processor has
+// it) against the scalar definitions, bit for bit, layer by layer: every
+// matrix shape the networks use and the odd ones (one input, one panel), the
+// fused product-and-GELU, the streaming layers over several frames of their
+// rings, the phone front end and every dilated convolution of the waveform
+// stacks. Weights are random bit patterns, subnormal halves included.
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+#include "check.h"
+#include "engine/kernel_set.h"
+#include "engine/kernels.h"
+#include "phone/phone_kernels.h"
+#include "test_waveform_support.h"
+#include "waveform/dilated_causal_conv.h"
+
+using namespace waveform_test;
+
+namespace {
+
+// Finite halves of random bit patterns with magnitudes below 4, subnormals included.
+void RandomHalves(f16* out, std::size_t n, Rng& rng) {
+  std::uniform_int_distribution<int> exponent(0, 16), mantissa(0, 1023), sign(0, 1);
+  for (std::size_t i = 0; i < n; ++i)
+    out[i] = static_cast<f16>((sign(rng) << 15) | (exponent(rng) << 10) | mantissa(rng));
+}
+
+// One fast build's entry points, so each check runs over every supported build.
+struct FastBuild {
+  const char* name;
+  KernelSet set;
+  decltype(&scalar::PanelProduct) panel_product;
+  decltype(&scalar::PanelAccumulate) panel_accumulate;
+  decltype(&scalar::PanelProductGelu) panel_product_gelu;
+  decltype(&scalar::CausalConv7Layer) causal_conv;
+  decltype(&scalar::ResidualConvBlock) residual_block;
+  decltype(&scalar::StridedConvLayer) strided_conv;
+  decltype(&scalar::PairConvLayer) pair_conv;
+  decltype(&scalar::RecurrentLayer) recurrent;
+};
+
+#define CORVINA_FAST_BUILD(ns, kernel_set)                                                                     \
+  FastBuild {                                                                                                   \
+    #ns, kernel_set, ns::PanelProduct, ns::PanelAccumulate, ns::PanelProductGelu, ns::CausalConv7Layer,         \
+        ns::ResidualConvBlock, ns::StridedConvLayer, ns::PairConvLayer, ns::RecurrentLayer                       \
+  }
+const FastBuild kBuilds[] = {CORVINA_FAST_BUILD(fast_avx2, KernelSet::kAvx2),
+                             CORVINA_FAST_BUILD(fast_avx512, KernelSet::kAvx512)};
+#undef CORVINA_FAST_BUILD
+
+template <typename Check>
+void ForEachBuild(Check check) {
+  for (const FastBuild& build : kBuilds) {
+    if (KernelSetSupported(build.set)) {
+      check(build);
+    } else {
+      std::printf("%s: not supported here, skipped\n", build.name);
+    }
+  }
+}
+
+// A weight buffer starting on a 64-byte boundary, as in a model block.
+struct Weights {
+  std::vector<f16> storage;
+  f16* data;
+  explicit Weights(std::size_t n) : storage(n + 32) {
+    data = storage.data() + (64 - reinterpret_cast<std::uintptr_t>(storage.data()) % 64) % 64 / sizeof(f16);
+  }
+};
+
+}  // namespace
+
+TEST(matrix_products_match_for_every_shape) {
+  Rng rng(check::Seed());
+  const int shapes[][2] = {{32, 1}, {32, 3}, {64, 32}, {96, 4},    {192, 192}, {192, 256},
+                           {384, 192}, {576, 192}, {192, 576}, {768, 256}, {256, 768}};
+  ForEachBuild([&](const FastBuild& build) {
+    for (const auto& shape : shapes) {
+      const int outputs = shape[0], inputs = shape[1];
+      Weights weight(static_cast<std::size_t>(outputs) * inputs);
+      std::vector<f16> bias(outputs), next(4096);
+      RandomHalves(weight.data, static_cast<std::size_t>(outputs) * inputs, rng);
+      RandomHalves(bias.data(), bias.size(), rng);
+      const std::vector<float> x = RandomFloats(inputs, 2.0f, rng);
+      const std::vector<float> start = RandomFloats(outputs, 2.0f, rng);
+      std::vector<float> expected(outputs), got(outputs);
+      scalar::PanelProduct(weight.data, bias.data(), x.data(), expected.data(), outputs, inputs);
+      build.panel_product(weight.data, bias.data(), x.data(), got.data(), outputs, inputs);
+      CHECK_MSG(SameBits(expected.data(), got.data(), outputs * sizeof(float)), "%s product %d x %d", build.name,
+                outputs, inputs);
+      expected = start, got = start;
+      scalar::PanelAccumulate(weight.data, x.data(), expected.data(), outputs, inputs);
+      build.panel_accumulate(weight.data, x.data(), got.data(), outputs, inputs);
+      CHECK_MSG(SameBits(expected.data(), got.data(), outputs * sizeof(float)), "%s accumulate %d x %d", build.name,
+                outputs, inputs);
+      scalar::PanelProductGelu(weight.data, bias.data(), x.data(), expected.data(), outputs, inputs, nullptr, 0);
+      build.panel_product_gelu(weight.data, bias.data(), x.data(), got.data(), outputs, inputs, next.data(),
+                               next.size());
+      CHECK_MSG(SameBits(expected.data(), got.data(), outputs * sizeof(float)), "%s product + GELU %d x %d",
+                build.name, outputs, inputs);
+    }
+  });
+}
+
+TEST(streaming_layers_match_over_their_rings) {
+  Rng rng(check::Seed());
+  auto conv = NewBlock<CausalConv7Weights>();
+  auto block = NewBlock<ResidualConvBlockWeights>();
+  FillHalves(conv->weight, std::size(conv->weight), 0.05f, rng);
+  FillHalves(conv->bias, kChannels, 0.1f, rng);
+  FillHalves(block->depthwise, std::size(block->depthwise), 0.3f, rng);
+  FillHalves(block->depthwise_bias, kChannels, 0.1f, rng);
+  FillHalves(block->expand, std::size(block->expand), 0.1f, rng);
+  FillHalves(block->expand_bias, kHiddenChannels, 0.1f, rng);
+  FillHalves(block->project, std::size(block->project), 0.05f, rng);
+  FillHalves(block->project_bias, kChannels, 0.1f, rng);
+  ForEachBuild([&](const FastBuild& build) {
+    auto conv_s = NewBlock<CausalConv7Slot>(), conv_f = NewBlock<CausalConv7Slot>();
+    auto block_s = NewBlock<ResidualConvBlockSlot>(), block_f = NewBlock<ResidualConvBlockSlot>();
+    for (int frame = 0; frame < 20; ++frame) {  // past a whole turn of both rings
+      const std::vector<float> x = RandomFloats(kChannels, 2.0f, rng);
+      scalar::CausalConv7Layer(*conv, x.data(), conv_s.get());
+      build.causal_conv(*conv, x.data(), conv_f.get());
+      CHECK_MSG(SameBits(conv_s.get(), conv_f.get(), sizeof(CausalConv7Slot)), "%s causal conv, frame %d",
+                build.name, frame);
+      scalar::ResidualConvBlock(*block, x.data(), block_s.get());
+      build.residual_block(*block, x.data(), block_f.get());
+      CHECK_MSG(SameBits(block_s.get(), block_f.get(), sizeof(ResidualConvBlockSlot)), "%s residual block, frame %d",
+                build.name, frame);
+    }
+  });
+}
+
+TEST(phone_layers_match) {
+  Rng rng(check::Seed());
+  struct Shape {
+    int inputs, outputs, out_positions;
+  };
+  const Shape shapes[] = {{32, 64, 16}, {64, 128, 8}, {128, 256, 4}, {256, 256, 2}};
+  auto recurrent = NewBlock<PhoneExtractorBlock::RecurrentLayer>();
+  FillHalves(recurrent->input_side.weight, std::size(recurrent->input_side.weight), 0.1f, rng);
+  FillHalves(recurrent->input_side.bias, 3 * kChannels, 0.5f, rng);
+  FillHalves(recurrent->state_side.weight, std::size(recurrent->state_side.weight), 0.1f, rng);
+  FillHalves(recurrent->state_side.bias, 3 * kChannels, 0.5f, rng);
+  ForEachBuild([&](const FastBuild& build) {
+    for (const Shape& s : shapes) {
+      Weights weight(static_cast<std::size_t>(3) * s.inputs * s.outputs);
+      RandomHalves(weight.data, static_cast<std::size_t>(3) * s.inputs * s.outputs, rng);
+      const std::vector<float> input =
+          RandomFloats(static_cast<std::size_t>(2 * s.out_positions) * s.inputs, 1.0f, rng);
+      std::vector<float> previous_s = RandomFloats(s.inputs, 1.0f, rng), previous_f = previous_s;
+      std::vector<float> out_s(static_cast<std::size_t>(s.out_positions) * s.outputs), out_f(out_s.size());
+      scalar::StridedConvLayer(weight.data, input.data(), previous_s.data(), out_s.data(), s.inputs, s.outputs,
+                               s.out_positions);
+      build.strided_conv(weight.data, input.data(), previous_f.data(), out_f.data(), s.inputs, s.outputs,
+                         s.out_positions);
+      CHECK_MSG(SameBits(out_s.data(), out_f.data(), out_s.size() * sizeof(float)) &&
+                    SameBits(previous_s.data(), previous_f.data(), s.inputs * sizeof(float)),
+                "%s strided %d -> %d", build.name, s.inputs, s.outputs);
+    }
+    Weights pair(2 * kChannels * kChannels);
+    RandomHalves(pair.data, 2 * kChannels * kChannels, rng);
+    const std::vector<float> input = RandomFloats(2 * kChannels, 1.0f, rng);
+    std::vector<float> out_s(kChannels), out_f(kChannels);
+    scalar::PairConvLayer(pair.data, input.data(), out_s.data());
+    build.pair_conv(pair.data, input.data(), out_f.data());
+    CHECK_MSG(SameBits(out_s.data(), out_f.data(), kChannels * sizeof(float)), "%s pair conv", build.name);
+
+    auto record_s = NewBlock<RecurrentRecord>(), record_f = NewBlock<RecurrentRecord>();
+    for (int frame = 0; frame < 4; ++frame) {
+      const std::vector<float> v = RandomFloats(kChannels, 3.0f, rng);
+      scalar::RecurrentLayer(*recurrent, v.data(), record_s.get());
+      build.recurrent(*recurrent, v.data(), record_f.get());
+      CHECK_MSG(SameBits(record_s.get(), record_f.get(), sizeof(RecurrentRecord)), "%s recurrent, frame %d",
+                build.name, frame);
+    }
+  });
+}
+
+namespace {
+
+template <int N, int T, int K, int D>
+void CheckDilatedConv(Rng& rng) {
+  using State = DilatedCausalConvState<N, T, kDilatedHistory<K, D>>;
+  auto weights = NewBlock<DilatedConvWeights<N, K>>();
+  RandomHalves(weights->weight, K * N * N, rng);
+  FillHalves(weights->bias, N, 0.5f, rng);
+  auto scalar_state = NewBlock<State>();
+  FillFloats(&scalar_state->history[0][0], sizeof scalar_state->history / sizeof(float), 1.0f, rng);
+  scalar_state->position = std::uniform_int_distribution<int>(0, kDilatedHistory<K, D> - 1)(rng);
+  auto avx2_state = NewBlock<State>(), avx512_state = NewBlock<State>();
+  std::memcpy(avx2_state.get(), scalar_state.get(), sizeof(State));
+  std::memcpy(avx512_state.get(), scalar_state.get(), sizeof(State));
+  const bool avx512 = KernelSetSupported(KernelSet::kAvx512);
+  for (int frame = 0; frame < 3; ++frame) {
+    const std::vector<float> input = RandomFloats(T * N, 2.0f, rng);
+    scalar::DilatedCausalConv<N, T, K, D>(*weights, input.data(), scalar_state.get());
+    fast_avx2::DilatedCausalConv<N, T, K, D>(*weights, input.data(), avx2_state.get());
+    CHECK_MSG(SameBits(scalar_state.get(), avx2_state.get(), sizeof(State)), "fast_avx2 N %d T %d K %d D %d frame %d",
+              N, T, K, D, frame);
+    if (!avx512) continue;
+    fast_avx512::DilatedCausalConv<N, T, K, D>(*weights, input.data(), avx512_state.get());
+    CHECK_MSG(SameBits(scalar_state.get(), avx512_state.get(), sizeof(State)),
+              "fast_avx512 N %d T %d K %d D %d frame %d", N, T, K, D, frame);
+  }
+}
+
+}  // namespace
+
+TEST(dilated_convolutions_match_for_every_shape) {
+  Rng rng(check::Seed());
+#define CHECK_SHAPE(N, T, K, D) CheckDilatedConv<N, T, K, D>(rng);
+  CORVINA_FOR_EACH_DILATED_CONV(CHECK_SHAPE, 128, 5)
+  CORVINA_FOR_EACH_DILATED_CONV(CHECK_SHAPE, 64, 15)
+#undef CHECK_SHAPE
+}
+
+CHECK_MAIN
