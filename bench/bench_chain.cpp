@@ -4,9 +4,10 @@
 // run (the sets take turns frame by frame, so a change in machine load hits
 // them alike). Per model and for the whole frame: median and 99th percentile of
 // the microseconds per 10 ms frame and the real-time factor 10 ms / median;
-// the fast sets' speed-up over the straightforward kernels ("basic"); and the
+// the fast sets' speed-up over the straightforward kernels ("basic"); the
 // memory one stream (its three contexts) and one model set (the three model
-// blocks) take.
+// blocks) take; and two floors measured alongside (one pass over the weights,
+// the frame's library tanh calls).
 //   cmake --build build/perf --target bench_chain &&
 //   build/perf/bench/bench_chain [--frames N] [--set NAME] [--json PATH] [phone.bin pitch.bin generator.bin]
 // Without files the weights are small random halves (the README shows how to
@@ -21,10 +22,12 @@
 #include <cstring>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "engine/corvina.h"
 #include "engine/kernel_set.h"
+#include "engine/kernels.h"
 #include "phone/phone_layout.h"
 #include "pitch/pitch_layout.h"
 #include "waveform/waveform_layout.h"
@@ -120,6 +123,46 @@ struct Stream {
   }
 };
 
+// Two costs no kernel set can go below, measured on the spot: one pass
+// over the three model blocks (every half read and widened once, as a frame
+// does; each block taken as a 256-input matrix of the avx2 set's product)
+// and the frame's 18176 library tanh calls.
+struct Floors {
+  double weights_us, tanh_us;
+};
+
+Floors MeasureFloors(const Chain& chain) {
+  constexpr int kRepeats = 60, kTanhCalls = 18176;
+  const std::pair<const void*, std::size_t> blocks[] = {
+      {chain.phone_model, sizeof(PhoneExtractorBlock)},
+      {chain.pitch_model, sizeof(PitchEstimatorBlock)},
+      {chain.waveform_model, sizeof(WaveformGeneratorBlock)}};
+  constexpr int kInputs = 256;
+  constexpr std::size_t kPanelBytes = kInputs * kPanel * sizeof(f16);
+  const std::vector<float> zeros(kInputs, 0.0f);
+  std::vector<float> sink(sizeof(WaveformGeneratorBlock) / kPanelBytes * kPanel);
+  std::vector<double> weights, tanh;
+  std::vector<float> values(kTanhCalls);
+  std::mt19937 rng(5);
+  std::normal_distribution<float> normal(0.0f, 1.5f);
+  for (float& v : values) v = normal(rng);
+  volatile float keep = 0.0f;
+  for (int r = 0; r < kRepeats; ++r) {
+    Clock::time_point t0 = Clock::now();
+    for (const auto& block : blocks)
+      fast_avx2::PanelAccumulate(static_cast<const f16*>(block.first), zeros.data(), sink.data(),
+                                 static_cast<int>(block.second / kPanelBytes * kPanel), kInputs);
+    Clock::time_point t1 = Clock::now();
+    float sum = 0.0f;
+    for (float v : values) sum += std::tanh(v);
+    Clock::time_point t2 = Clock::now();
+    keep = keep + sum + sink[0];
+    weights.push_back(std::chrono::duration<double, std::micro>(t1 - t0).count());
+    tanh.push_back(std::chrono::duration<double, std::micro>(t2 - t1).count());
+  }
+  return {Summarise(weights).median, Summarise(tanh).median};
+}
+
 std::string ProcessorName() {
   unsigned regs[12] = {};
   for (unsigned leaf = 0; leaf < 3; ++leaf)
@@ -202,6 +245,7 @@ int main(int argc, char** argv) {
       streams[s].Run(chain, signal, speaker.data(), 1, frame >= kWarmUp);
     }
   SelectKernelSet(active);
+  const Floors floors = MeasureFloors(chain);
   getloadavg(load_after, 3);
 
   const std::size_t stream_bytes = sizeof(PhoneContext) + sizeof(PitchContext) + sizeof(WaveformContext);
@@ -233,6 +277,8 @@ int main(int argc, char** argv) {
   std::printf("memory per model set (three model blocks): %zu + %zu + %zu = %zu bytes (%.1f MiB)\n",
               sizeof(PhoneExtractorBlock), sizeof(PitchEstimatorBlock), sizeof(WaveformGeneratorBlock), model_bytes,
               model_bytes / 1048576.0);
+  std::printf("floors: one pass over the model blocks %.1f us; 18176 library tanh calls %.1f us (medians)\n",
+              floors.weights_us, floors.tanh_us);
 
   if (options.json != nullptr) {
     std::FILE* out = std::fopen(options.json, "w");
@@ -258,7 +304,9 @@ int main(int argc, char** argv) {
                      stats[3].median / stats[s * kParts + 3].median, stats[3].p99 / stats[s * kParts + 3].p99);
       std::fprintf(out, "\n    }");
     }
-    std::fprintf(out, "\n  },\n  \"memory_bytes\": {\"per_stream\": %zu, \"phone_context\": %zu, \"pitch_context\": %zu, "
+    std::fprintf(out, "\n  },\n  \"floors_us\": {\"weights_pass\": %.2f, \"tanh_calls\": %.2f},", floors.weights_us,
+                 floors.tanh_us);
+    std::fprintf(out, "\n  \"memory_bytes\": {\"per_stream\": %zu, \"phone_context\": %zu, \"pitch_context\": %zu, "
                       "\"waveform_context\": %zu, \"per_model_set\": %zu, \"phone_model\": %zu, \"pitch_model\": %zu, "
                       "\"waveform_model\": %zu}\n}\n",
                  stream_bytes, sizeof(PhoneContext), sizeof(PitchContext), sizeof(WaveformContext), model_bytes,
