@@ -12,8 +12,6 @@
 //   build/perf/bench/bench_chain [--frames N] [--set NAME] [--json PATH] [phone.bin pitch.bin generator.bin]
 // Without files the weights are small random halves (the README shows how to
 // write well-conditioned files with the test references).
-#include <cpuid.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -25,6 +23,7 @@
 #include <utility>
 #include <vector>
 
+#include "bench/bench_common.h"
 #include "engine/corvina.h"
 #include "engine/kernel_set.h"
 #include "engine/kernels.h"
@@ -33,10 +32,10 @@
 #include "waveform/waveform_layout.h"
 
 using namespace corvina;
+using namespace corvina::bench;
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
 constexpr int kWarmUp = 200;
 constexpr int kParts = 4;  // phone, pitch, waveform, whole frame
 const char* const kPartNames[kParts] = {"phone", "pitch", "waveform", "chain"};
@@ -47,37 +46,6 @@ struct Options {
   const char* only = nullptr;  // --set NAME: time this kernel set alone (for instruction counting)
   const char* files[3] = {nullptr, nullptr, nullptr};  // phone, pitch, generator
 };
-
-// Halves of magnitude 2^-9 to 2^-4 with random signs over `bytes` from `start`.
-void FillRandomHalves(void* start, std::size_t bytes, unsigned seed) {
-  auto* halves = static_cast<f16*>(start);
-  std::mt19937 rng(seed);
-  std::uniform_int_distribution<int> exponent(6, 10), mantissa(0, 1023), sign(0, 1);
-  for (std::size_t i = 0; i < bytes / sizeof(f16); ++i)
-    halves[i] = static_cast<f16>((sign(rng) << 15) | (exponent(rng) << 10) | mantissa(rng));
-}
-
-// A gliding voiced tone with noise: the pitch path sees changing bins.
-std::vector<float> Signal(int frames) {
-  std::vector<float> x(static_cast<std::size_t>(frames) * CORVINA_IN_HOP_LENGTH);
-  std::mt19937 rng(3);
-  std::normal_distribution<float> noise(0.0f, 0.02f);
-  double phase = 0.0;
-  for (std::size_t i = 0; i < x.size(); ++i) {
-    phase += 2.0 * 3.14159265358979 * (120.0 + 80.0 * std::sin(static_cast<double>(i) * 2e-5)) / 16000.0;
-    x[i] = 0.3f * static_cast<float>(std::sin(phase) + 0.4 * std::sin(2.0 * phase)) + noise(rng);
-  }
-  return x;
-}
-
-struct Stats {
-  double median, p99;
-};
-
-Stats Summarise(std::vector<double> micros) {
-  std::sort(micros.begin(), micros.end());
-  return {micros[micros.size() / 2], micros[std::min(micros.size() - 1, micros.size() * 99 / 100)]};
-}
 
 struct Chain {
   const CorvinaPhoneExtractor* phone_model;
@@ -123,12 +91,13 @@ struct Stream {
   }
 };
 
-// Two costs no kernel set can go below, measured on the spot: one pass
-// over the three model blocks (every half read and widened once, as a frame
-// does; each block taken as a 256-input matrix of the avx2 set's product)
-// and the frame's 18176 library tanh calls.
+// Costs measured on the spot: one pass over the three model blocks (every
+// half read and widened once, as a frame does; each block taken as a
+// 256-input matrix of the avx2 set's product), the floor of one stream;
+// and the GELU of the frame's 18176 values, with the library tanh per value
+// (basic) and with the fast sets' vector build of it.
 struct Floors {
-  double weights_us, tanh_us;
+  double weights_us, gelu_library_us, gelu_vector_us;
 };
 
 Floors MeasureFloors(const Chain& chain) {
@@ -141,8 +110,8 @@ Floors MeasureFloors(const Chain& chain) {
   constexpr std::size_t kPanelBytes = kInputs * kPanel * sizeof(f16);
   const std::vector<float> zeros(kInputs, 0.0f);
   std::vector<float> sink(sizeof(WaveformGeneratorBlock) / kPanelBytes * kPanel);
-  std::vector<double> weights, tanh;
-  std::vector<float> values(kTanhCalls);
+  std::vector<double> weights, library, vector;
+  std::vector<float> values(kTanhCalls), work(kTanhCalls);
   std::mt19937 rng(5);
   std::normal_distribution<float> normal(0.0f, 1.5f);
   for (float& v : values) v = normal(rng);
@@ -153,29 +122,21 @@ Floors MeasureFloors(const Chain& chain) {
       fast_avx2::PanelAccumulate(static_cast<const f16*>(block.first), zeros.data(), sink.data(),
                                  static_cast<int>(block.second / kPanelBytes * kPanel), kInputs);
     Clock::time_point t1 = Clock::now();
-    float sum = 0.0f;
-    for (float v : values) sum += std::tanh(v);
+    work = values;
     Clock::time_point t2 = Clock::now();
-    keep = keep + sum + sink[0];
+    avx2::GeluInPlace(work.data(), kTanhCalls);
+    Clock::time_point t3 = Clock::now();
+    keep = keep + work[0];
+    work = values;
+    Clock::time_point t4 = Clock::now();
+    fast_avx2::GeluInPlace(work.data(), kTanhCalls);
+    Clock::time_point t5 = Clock::now();
+    keep = keep + work[0] + sink[0];
     weights.push_back(std::chrono::duration<double, std::micro>(t1 - t0).count());
-    tanh.push_back(std::chrono::duration<double, std::micro>(t2 - t1).count());
+    library.push_back(std::chrono::duration<double, std::micro>(t3 - t2).count());
+    vector.push_back(std::chrono::duration<double, std::micro>(t5 - t4).count());
   }
-  return {Summarise(weights).median, Summarise(tanh).median};
-}
-
-std::string ProcessorName() {
-  unsigned regs[12] = {};
-  for (unsigned leaf = 0; leaf < 3; ++leaf)
-    __get_cpuid(0x80000002u + leaf, &regs[4 * leaf], &regs[4 * leaf + 1], &regs[4 * leaf + 2], &regs[4 * leaf + 3]);
-  char brand[49] = {};
-  std::memcpy(brand, regs, 48);
-  unsigned eax = 0, ebx, ecx, edx;
-  __get_cpuid(1, &eax, &ebx, &ecx, &edx);
-  const unsigned family = ((eax >> 8) & 0xF) + ((eax >> 20) & 0xFF);
-  const unsigned model = ((eax >> 4) & 0xF) | ((eax >> 12) & 0xF0);
-  std::string name(brand);
-  name.erase(name.find_last_not_of(' ') + 1);
-  return name + " (family " + std::to_string(family) + ", model " + std::to_string(model) + ")";
+  return {Summarise(weights).median, Summarise(library).median, Summarise(vector).median};
 }
 
 bool ParseOptions(int argc, char** argv, Options* options) {
@@ -206,22 +167,10 @@ int main(int argc, char** argv) {
                  argv[0]);
     return 2;
   }
-  CorvinaPhoneExtractor* phone = Corvina_CreatePhoneExtractor();
-  CorvinaPitchEstimator* pitch = Corvina_CreatePitchEstimator();
-  CorvinaWaveformGenerator* waveform = Corvina_CreateWaveformGenerator();
-  if (options.files[0] != nullptr) {
-    Corvina_ReadPhoneExtractorParameters(phone, options.files[0]);
-    Corvina_ReadPitchEstimatorParameters(pitch, options.files[1]);
-    Corvina_ReadWaveformGeneratorParameters(waveform, options.files[2]);
-  } else {
-    FillRandomHalves(phone, CORVINA_PHONE_EXTRACTOR_PARAMETER_BYTES, 1);
-    FillRandomHalves(reinterpret_cast<char*>(pitch) + 64, CORVINA_PITCH_ESTIMATOR_PARAMETER_BYTES, 2);
-    FillRandomHalves(waveform, CORVINA_WAVEFORM_GENERATOR_PARAMETER_BYTES, 3);
-  }
-  const Chain chain{phone, pitch, waveform};
+  const Models models(options.files);
+  const Chain chain{models.phone, models.pitch, models.waveform};
   const std::vector<float> signal = Signal(1000);
-  std::vector<float> speaker(CORVINA_WAVEFORM_GENERATOR_HIDDEN_CHANNELS);
-  for (std::size_t i = 0; i < speaker.size(); ++i) speaker[i] = 0.3f * static_cast<float>(std::sin(0.7 * i));
+  const std::vector<float> speaker = Speaker();
 
   std::vector<KernelSet> sets;
   for (int i = 0; i < kKernelSets; ++i)
@@ -233,8 +182,7 @@ int main(int argc, char** argv) {
     return 2;
   }
   const KernelSet active = ActiveKernelSet();
-  double load_before[3] = {}, load_after[3] = {};
-  getloadavg(load_before, 3);
+  const double load_before = LoadAverage();
 
   // Frame by frame in turn, so every set meets the same machine load and the
   // same cache state (the other sets' frames have just passed through).
@@ -246,7 +194,7 @@ int main(int argc, char** argv) {
     }
   SelectKernelSet(active);
   const Floors floors = MeasureFloors(chain);
-  getloadavg(load_after, 3);
+  const double load_after = LoadAverage();
 
   const std::size_t stream_bytes = sizeof(PhoneContext) + sizeof(PitchContext) + sizeof(WaveformContext);
   const std::size_t model_bytes = sizeof(PhoneExtractorBlock) + sizeof(PitchEstimatorBlock) +
@@ -257,8 +205,8 @@ int main(int argc, char** argv) {
   std::printf("corvina chain, one stream, one thread: %d timed frames per kernel set after %d warm-up frames, the "
               "sets taking turns frame by frame\n", timed, kWarmUp);
   std::printf("processor: %s; active kernel set: %s\n", processor.c_str(), KernelSetName(active));
-  std::printf("weights: %s; load average %.2f before, %.2f after\n\n",
-              options.files[0] != nullptr ? "parameter files" : "random halves", load_before[0], load_after[0]);
+  std::printf("weights: %s; load average %.2f before, %.2f after\n\n", models.weights(), load_before,
+              load_after);
   std::printf("| kernel set | model | median us | p99 us | x real time |\n|---|---|---:|---:|---:|\n");
   std::vector<Stats> stats(sets.size() * kParts);
   for (std::size_t s = 0; s < sets.size(); ++s)
@@ -277,20 +225,18 @@ int main(int argc, char** argv) {
   std::printf("memory per model set (three model blocks): %zu + %zu + %zu = %zu bytes (%.1f MiB)\n",
               sizeof(PhoneExtractorBlock), sizeof(PitchEstimatorBlock), sizeof(WaveformGeneratorBlock), model_bytes,
               model_bytes / 1048576.0);
-  std::printf("floors: one pass over the model blocks %.1f us; 18176 library tanh calls %.1f us (medians)\n",
-              floors.weights_us, floors.tanh_us);
+  std::printf("one pass over the model blocks %.1f us; GELU of 18176 values: library tanh %.1f us, vector tanh %.1f us"
+              " (%s; medians)\n",
+              floors.weights_us, floors.gelu_library_us, floors.gelu_vector_us,
+              VectorTanhExact() ? "the fast sets use the vector tanh" : "the library differs: the fast sets call it");
 
   if (options.json != nullptr) {
-    std::FILE* out = std::fopen(options.json, "w");
-    if (out == nullptr) {
-      std::fprintf(stderr, "cannot write %s\n", options.json);
-      return 1;
-    }
+    std::FILE* out = OpenJson(options.json);
+    if (out == nullptr) return 1;
     std::fprintf(out, "{\n  \"processor\": \"%s\",\n  \"active_kernel_set\": \"%s\",\n", processor.c_str(),
                  KernelSetName(active));
     std::fprintf(out, "  \"weights\": \"%s\",\n  \"timed_frames\": %d,\n  \"load_average\": [%.2f, %.2f],\n",
-                 options.files[0] != nullptr ? "parameter files" : "random halves", timed, load_before[0],
-                 load_after[0]);
+                 models.weights(), timed, load_before, load_after);
     std::fprintf(out, "  \"kernel_sets\": {");
     for (std::size_t s = 0; s < sets.size(); ++s) {
       std::fprintf(out, "%s\n    \"%s\": {", s ? "," : "", KernelSetName(sets[s]));
@@ -304,8 +250,9 @@ int main(int argc, char** argv) {
                      stats[3].median / stats[s * kParts + 3].median, stats[3].p99 / stats[s * kParts + 3].p99);
       std::fprintf(out, "\n    }");
     }
-    std::fprintf(out, "\n  },\n  \"floors_us\": {\"weights_pass\": %.2f, \"tanh_calls\": %.2f},", floors.weights_us,
-                 floors.tanh_us);
+    std::fprintf(out, "\n  },\n  \"costs_us\": {\"weights_pass\": %.2f, \"gelu_library_tanh\": %.2f, "
+                      "\"gelu_vector_tanh\": %.2f},",
+                 floors.weights_us, floors.gelu_library_us, floors.gelu_vector_us);
     std::fprintf(out, "\n  \"memory_bytes\": {\"per_stream\": %zu, \"phone_context\": %zu, \"pitch_context\": %zu, "
                       "\"waveform_context\": %zu, \"per_model_set\": %zu, \"phone_model\": %zu, \"pitch_model\": %zu, "
                       "\"waveform_model\": %zu}\n}\n",
@@ -313,8 +260,5 @@ int main(int argc, char** argv) {
                  sizeof(PhoneExtractorBlock), sizeof(PitchEstimatorBlock), sizeof(WaveformGeneratorBlock));
     std::fclose(out);
   }
-  Corvina_DestroyWaveformGenerator(waveform);
-  Corvina_DestroyPitchEstimator(pitch);
-  Corvina_DestroyPhoneExtractor(phone);
   return 0;
 }

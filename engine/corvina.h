@@ -105,6 +105,23 @@ CORVINA_API void Corvina_GenerateWaveform1(const CorvinaWaveformGenerator* model
  * Corvina_ReadSpeakerEmbeddings writes 256 floats per speaker for every whole
  * 16-byte piece of the file, with no bound of its own: size `embeddings` from
  * a count taken just before. Returns 1 if the file cannot be opened. */
+/* Batches: one frame of n streams in one call (n >= 0). Stream i reads and
+ * writes only its own arrays (element i of each pointer array) and its own
+ * context contexts[i]; the n contexts must be distinct. Each layer's weights
+ * are fetched from memory once for the whole batch instead of once per
+ * stream, and every stream's outputs are bit-identical to those of its own
+ * ...1 call. Streams may join or leave a batch between frames. */
+CORVINA_API void Corvina_ExtractPhoneN(const CorvinaPhoneExtractor* model, int32_t n, const float* const* inputs,
+                                       float* const* outputs, CorvinaPhoneContext1* const* contexts);
+CORVINA_API void Corvina_EstimatePitchN(const CorvinaPitchEstimator* model, int32_t n, const float* const* inputs,
+                                        int32_t* const* quantized_pitch, float* const* pitch_features,
+                                        CorvinaPitchContext1* const* contexts);
+CORVINA_API void Corvina_GenerateWaveformN(const CorvinaWaveformGenerator* model, int32_t n,
+                                           const float* const* phone, const int32_t* const* quantized_pitch,
+                                           const float* const* pitch_features,
+                                           const float* const* speaker_embedding, float* const* output,
+                                           CorvinaWaveformContext1* const* contexts);
+
 CORVINA_API int Corvina_ReadNSpeakers(const char* path, int32_t* n_speakers);
 CORVINA_API int Corvina_ReadSpeakerEmbeddings(const char* path, float* embeddings);
 

@@ -8,6 +8,9 @@
 #include <cstring>
 
 namespace corvina {
+namespace tanh_avx2 {
+bool MatchesLibrary();  // tanh_check_avx2.cpp: AVX2 code, run only where AVX2 is supported
+}
 namespace {
 
 // XCR0: the register state the operating system saves on a context switch.
@@ -57,6 +60,7 @@ KernelSet FromEnvironment() {
 }
 
 std::atomic<int> g_active{static_cast<int>(FromEnvironment())};
+const bool g_vector_tanh = Supported().avx2 && tanh_avx2::MatchesLibrary();
 
 }  // namespace
 
@@ -72,6 +76,8 @@ const char* KernelSetName(KernelSet set) {
 bool KernelSetSupported(KernelSet set) {
   return set == KernelSet::kAvx512 ? Supported().avx512 : Supported().avx2;
 }
+
+bool VectorTanhExact() { return g_vector_tanh; }
 
 KernelSet ActiveKernelSet() { return static_cast<KernelSet>(g_active.load(std::memory_order_relaxed)); }
 

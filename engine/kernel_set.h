@@ -19,6 +19,12 @@ bool KernelSetSupported(KernelSet set);    // by CPUID and the OS-saved register
 
 // The set of the processing functions: one relaxed load per frame.
 KernelSet ActiveKernelSet();
+// Whether the fast sets' GELU may take tanh from the vector build of the
+// library's algorithm (tanh_avx2.h): decided when the library loads, by
+// comparing the two over 65,536 inputs spread across all floats. Where they
+// differ (another C library), the fast sets call the library per value.
+bool VectorTanhExact();
+
 // Switches the active set (unsupported sets are ignored) and returns the set
 // now active. For benchmarks and tests: no frame may be running meanwhile.
 KernelSet SelectKernelSet(KernelSet set);

@@ -44,6 +44,29 @@ void NormalizationCoefficients(const float* x, int n, float* r, float* s);
   float* CausalConv7Layer(const CausalConv7Weights& weights, const float* x, CausalConv7Slot* slot);     \
   void ResidualConvBlock(const ResidualConvBlockWeights& weights, const float* x, ResidualConvBlockSlot* slot);
 
+// Batches: the same layer for n streams (1 <= n <= kMaxBatch), stream s with
+// its own input x[s] and its own slot or output y[s]. Each panel's weights are
+// widened once for several streams and stay in cache for the rest, so a
+// batch fetches them from memory once. Every stream's outputs are those of
+// the one-stream kernel, bit for bit. Only the fast builds have them.
+constexpr int kMaxBatch = 16;
+
+#define CORVINA_DECLARE_BATCH_KERNELS                                                                   \
+  void PanelAccumulateN(const f16* weight, const float* const* x, float* const* y, int n, int outputs,   \
+                        int inputs);                                                                     \
+  void PanelProductN(const f16* weight, const f16* bias, const float* const* x, float* const* y, int n,  \
+                     int outputs, int inputs);                                                           \
+  void PanelProductGeluN(const f16* weight, const f16* bias, const float* const* x, float* const* y, int n, \
+                         int outputs, int inputs, const f16* next, std::size_t next_halves);             \
+  /* y[s] += sum over taps t of W_t rows[t * n + s], W_t at weight + t * tap_stride. */                  \
+  void MatrixSweepN(const f16* weight, std::size_t tap_stride, const float* const* rows, int taps, int inputs, \
+                    float* const* y, int n, int outputs);                                                \
+  void DenseLayerN(const Dense256Weights& weights, const float* const* x, DenseSlot* const* slots, int n); \
+  void CausalConv7LayerN(const CausalConv7Weights& weights, const float* const* x, CausalConv7Slot* const* slots, \
+                         int n);                                                                         \
+  void ResidualConvBlockN(const ResidualConvBlockWeights& weights, const float* const* x,                \
+                          ResidualConvBlockSlot* const* slots, int n);
+
 namespace scalar {
 CORVINA_DECLARE_KERNELS
 }
@@ -52,10 +75,13 @@ CORVINA_DECLARE_KERNELS
 }
 namespace fast_avx2 {
 CORVINA_DECLARE_KERNELS
+CORVINA_DECLARE_BATCH_KERNELS
 }
 namespace fast_avx512 {
 CORVINA_DECLARE_KERNELS
+CORVINA_DECLARE_BATCH_KERNELS
 }
 #undef CORVINA_DECLARE_KERNELS
+#undef CORVINA_DECLARE_BATCH_KERNELS
 
 }  // namespace corvina

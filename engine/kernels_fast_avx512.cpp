@@ -3,7 +3,9 @@
 #include <cmath>
 #include <cstring>
 
+#include "kernel_set.h"
 #include "kernels.h"
+#include "tanh_avx2.h"
 #include "vector_math_avx2.h"
 #include "vector_math_avx512.h"
 

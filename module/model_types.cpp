@@ -28,6 +28,12 @@ struct Phone {
   static Context* CreateContext() { return Corvina_CreatePhoneContext1(); }
   static void DestroyContext(Context* c) { Corvina_DestroyPhoneContext1(c); }
   static PyTypeObject* ContextType() { return &PhoneContextType; }
+  static constexpr PyCFunctionWithKeywords kBatch = PhoneExtractorBatch;
+  static constexpr const char* kBatchDoc =
+      "batch(input, contexts) -> float32 array (n, 256)\n\n"
+      "One frame of n streams: input (n, 160) holds a frame per stream, contexts\n"
+      "n distinct PhoneContext objects of length 1. Row i is what stream i's own\n"
+      "call gives.";
 };
 
 struct Pitch {
@@ -39,6 +45,12 @@ struct Pitch {
   static Context* CreateContext() { return Corvina_CreatePitchContext1(); }
   static void DestroyContext(Context* c) { Corvina_DestroyPitchContext1(c); }
   static PyTypeObject* ContextType() { return &PitchContextType; }
+  static constexpr PyCFunctionWithKeywords kBatch = PitchEstimatorBatch;
+  static constexpr const char* kBatchDoc =
+      "batch(input, contexts) -> (int32 array (n,), float32 array (n, 4))\n\n"
+      "One frame of n streams: input (n, 160) holds a frame per stream, contexts\n"
+      "n distinct PitchContext objects of length 1. Row i is what stream i's own\n"
+      "call gives.";
 };
 
 struct Waveform {
@@ -50,6 +62,14 @@ struct Waveform {
   static Context* CreateContext() { return Corvina_CreateWaveformContext1(); }
   static void DestroyContext(Context* c) { Corvina_DestroyWaveformContext1(c); }
   static PyTypeObject* ContextType() { return &WaveformContextType; }
+  static constexpr PyCFunctionWithKeywords kBatch = WaveformGeneratorBatch;
+  static constexpr const char* kBatchDoc =
+      "batch(phone, quantized_pitch, pitch_features, speaker_embeddings, contexts)\n"
+      "    -> float32 array (n, 240)\n\n"
+      "One frame of n streams: phone (n, 256), quantized_pitch (n,) in\n"
+      "range(PITCH_BINS), pitch_features (n, 4) and speaker_embeddings (n, 256)\n"
+      "hold a row per stream, contexts n distinct WaveformContext objects of\n"
+      "length 1. Row i is what stream i's own call gives.";
 };
 
 template <typename Kind>
@@ -130,6 +150,8 @@ PyMethodDef* ModelMethods() {
   static PyMethodDef methods[] = {
       {"read_parameters", ReadParameters<Kind>, METH_VARARGS, "Read parameters from file."},
       {"new_context", NewContext<Kind>, METH_VARARGS, "Create new context."},
+      {"batch", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(Kind::kBatch)),
+       METH_VARARGS | METH_KEYWORDS, Kind::kBatchDoc},
       {nullptr, nullptr, 0, nullptr}};
   return methods;
 }

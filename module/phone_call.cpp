@@ -1,5 +1,7 @@
-// PhoneExtractor.__call__(input, context) -> float32 array (length, 256).
+// PhoneExtractor.__call__(input, context) -> float32 array (length, 256), and
+// PhoneExtractor.batch(input, contexts) -> float32 array (n, 256).
 #include "../engine/corvina.h"
+#include "batch_claims.h"
 #include "calls.h"
 #include "engine_claim.h"
 #include "objects.h"
@@ -49,6 +51,27 @@ PyObject* PhoneExtractorCall(PyObject* self, PyObject* args, PyObject* kwargs) {
     Py_DECREF(phone);
     return nullptr;
   }
+  return phone;
+}
+
+PyObject* PhoneExtractorBatch(PyObject* self, PyObject* args, PyObject* kwargs) {
+  FrameBatch batch;
+  if (!batch.Parse(self, args, kwargs, &PhoneContextType)) return nullptr;
+  npy_intp shape[2] = {batch.n, CORVINA_PHONE_CHANNELS};
+  PyObject* phone = PyArray_SimpleNew(2, shape, NPY_FLOAT32);
+  if (phone == nullptr) return nullptr;
+  BatchClaim claim(self, batch.contexts);
+  if (!claim) {
+    Py_DECREF(phone);
+    return nullptr;
+  }
+  const auto inputs = Rows<const float>(batch.input);
+  const auto outputs = Rows<float>(phone);
+  const auto contexts = claim.contexts<CorvinaPhoneContext1>();
+  Py_BEGIN_ALLOW_THREADS
+  Corvina_ExtractPhoneN(claim.model<CorvinaPhoneExtractor>(), static_cast<std::int32_t>(batch.n), inputs.data(),
+                        outputs.data(), contexts.data());
+  Py_END_ALLOW_THREADS
   return phone;
 }
 

@@ -11,7 +11,7 @@
 namespace corvina {
 namespace avx2 {
 
-void InputConvLayer(const f16* weight, const float* x, float* kept, float* output) {
+void InputConvProducts(const f16* weight, const float* x, float* kept, float* output) {
   for (int p = 0; p < kInputConvPositions; ++p) {
     __m256 acc0 = _mm256_setzero_ps(), acc1 = _mm256_setzero_ps();
     __m256 acc2 = _mm256_setzero_ps(), acc3 = _mm256_setzero_ps();
@@ -31,6 +31,10 @@ void InputConvLayer(const f16* weight, const float* x, float* kept, float* outpu
     _mm256_storeu_ps(out + 24, acc3);
   }
   std::memcpy(kept, x + kPhoneHop - kKeptSamples, kKeptSamples * sizeof(float));
+}
+
+void InputConvLayer(const f16* weight, const float* x, float* kept, float* output) {
+  InputConvProducts(weight, x, kept, output);
   GeluInPlace(output, kInputConvPositions * kInputConvChannels);
 }
 

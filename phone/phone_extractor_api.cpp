@@ -6,6 +6,7 @@
 #include "../engine/aligned_block.h"
 #include "../engine/corvina.h"
 #include "../engine/kernel_set.h"
+#include "../engine/kernels.h"
 #include "phone_kernels.h"
 #include "phone_layout.h"
 #include "phone_parameters.h"
@@ -48,6 +49,29 @@ void Corvina_ExtractPhone1(const CorvinaPhoneExtractor* model, const float* inpu
     default: features = avx2::ExtractPhone(block, input, state); break;
   }
   std::memcpy(output, features, kChannels * sizeof(float));
+}
+
+// Groups of up to kMaxBatch streams through the batched network of the fast
+// sets; the basic set is the straightforward build and runs stream by stream.
+void Corvina_ExtractPhoneN(const CorvinaPhoneExtractor* model, int32_t n, const float* const* inputs,
+                           float* const* outputs, CorvinaPhoneContext1* const* contexts) {
+  const KernelSet set = ActiveKernelSet();
+  if (set == KernelSet::kBasic) {
+    for (int32_t i = 0; i < n; ++i) Corvina_ExtractPhone1(model, inputs[i], outputs[i], contexts[i]);
+    return;
+  }
+  const auto& block = *reinterpret_cast<const PhoneExtractorBlock*>(model);
+  for (int32_t first = 0; first < n; first += kMaxBatch) {
+    const int count = n - first < kMaxBatch ? static_cast<int>(n - first) : kMaxBatch;
+    PhoneContext* const* group = reinterpret_cast<PhoneContext* const*>(contexts + first);
+    if (set == KernelSet::kAvx512) {
+      fast_avx512::ExtractPhoneN(block, inputs + first, group, count);
+    } else {
+      fast_avx2::ExtractPhoneN(block, inputs + first, group, count);
+    }
+    for (int s = 0; s < count; ++s)
+      std::memcpy(outputs[first + s], group[s]->output_dense.output, kChannels * sizeof(float));
+  }
 }
 
 }  // extern "C"

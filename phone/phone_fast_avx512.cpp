@@ -2,6 +2,7 @@
 // layers are in phone_fast.inc, the network in phone_network.h.
 #include <cstring>
 
+#include "../engine/batch.h"
 #include "../engine/kernels.h"
 #include "../engine/vector_math_avx2.h"
 #include "../engine/vector_math_avx512.h"

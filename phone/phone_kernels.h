@@ -40,13 +40,23 @@ CORVINA_DECLARE_PHONE_KERNELS
 }
 namespace avx2 {
 CORVINA_DECLARE_PHONE_KERNELS
+// InputConvLayer before its GELU, for the fast builds (whose GELU is their own).
+void InputConvProducts(const f16* weight, const float* x, float* kept, float* output);
 }
+// One frame of n <= kMaxBatch streams, layer by layer across them; stream s's
+// features end in contexts[s]->output_dense.output, as ExtractPhone's would.
+#define CORVINA_DECLARE_PHONE_BATCH                                                                      \
+  void ExtractPhoneN(const PhoneExtractorBlock& model, const float* const* x, PhoneContext* const* contexts, int n);
+
 namespace fast_avx2 {  // phone_fast.inc
 CORVINA_DECLARE_PHONE_KERNELS
+CORVINA_DECLARE_PHONE_BATCH
 }
 namespace fast_avx512 {
 CORVINA_DECLARE_PHONE_KERNELS
+CORVINA_DECLARE_PHONE_BATCH
 }
+#undef CORVINA_DECLARE_PHONE_BATCH
 #undef CORVINA_DECLARE_PHONE_KERNELS
 
 }  // namespace corvina

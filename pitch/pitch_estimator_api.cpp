@@ -2,6 +2,8 @@
 // flags: only the network's kernels use AVX2.
 #include "../engine/aligned_block.h"
 #include "../engine/corvina.h"
+#include "../engine/kernel_set.h"
+#include "../engine/kernels.h"
 #include "pitch_decoder.h"
 #include "pitch_layout.h"
 #include "pitch_network.h"
@@ -12,6 +14,19 @@ using namespace corvina;
 
 static PitchEstimatorBlock* Model(CorvinaPitchEstimator* model) {
   return reinterpret_cast<PitchEstimatorBlock*>(model);
+}
+
+// The bin and the four features from the scores of the frame, kept in the
+// context and copied out.
+static void DecodeInto(PitchContext* state, int32_t* quantized_pitch, float* pitch_features) {
+  const PitchDecision decision = DecodePitch(state->scores);
+  state->quantized_pitch = decision.bin;
+  state->pitch_features[0] = state->front.loudness;
+  state->pitch_features[1] = decision.p0;
+  state->pitch_features[2] = decision.lower_ratio;
+  state->pitch_features[3] = decision.upper_ratio;
+  *quantized_pitch = state->quantized_pitch;
+  for (int i = 0; i < CORVINA_PITCH_FEATURES; ++i) pitch_features[i] = state->pitch_features[i];
 }
 
 extern "C" {
@@ -40,14 +55,33 @@ void Corvina_EstimatePitch1(const CorvinaPitchEstimator* model, const float* inp
   auto* state = reinterpret_cast<PitchContext*>(context);
   SpectralFrontEnd(input, &state->front);
   PitchNetwork(*reinterpret_cast<const PitchEstimatorBlock*>(model), state);
-  const PitchDecision decision = DecodePitch(state->scores);
-  state->quantized_pitch = decision.bin;
-  state->pitch_features[0] = state->front.loudness;
-  state->pitch_features[1] = decision.p0;
-  state->pitch_features[2] = decision.lower_ratio;
-  state->pitch_features[3] = decision.upper_ratio;
-  *quantized_pitch = state->quantized_pitch;
-  for (int i = 0; i < CORVINA_PITCH_FEATURES; ++i) pitch_features[i] = state->pitch_features[i];
+  DecodeInto(state, quantized_pitch, pitch_features);
+}
+
+// Groups of up to kMaxBatch streams through the batched network of the fast
+// sets (the front end and the decoder are per stream); the basic set is the
+// straightforward build and runs stream by stream.
+void Corvina_EstimatePitchN(const CorvinaPitchEstimator* model, int32_t n, const float* const* inputs,
+                            int32_t* const* quantized_pitch, float* const* pitch_features,
+                            CorvinaPitchContext1* const* contexts) {
+  const KernelSet set = ActiveKernelSet();
+  if (set == KernelSet::kBasic) {
+    for (int32_t i = 0; i < n; ++i)
+      Corvina_EstimatePitch1(model, inputs[i], quantized_pitch[i], pitch_features[i], contexts[i]);
+    return;
+  }
+  const auto& block = *reinterpret_cast<const PitchEstimatorBlock*>(model);
+  for (int32_t first = 0; first < n; first += kMaxBatch) {
+    const int count = n - first < kMaxBatch ? static_cast<int>(n - first) : kMaxBatch;
+    PitchContext* const* group = reinterpret_cast<PitchContext* const*>(contexts + first);
+    for (int s = 0; s < count; ++s) SpectralFrontEnd(inputs[first + s], &group[s]->front);
+    if (set == KernelSet::kAvx512) {
+      fast_avx512::PitchNetworkN(block, group, count);
+    } else {
+      fast_avx2::PitchNetworkN(block, group, count);
+    }
+    for (int s = 0; s < count; ++s) DecodeInto(group[s], quantized_pitch[first + s], pitch_features[first + s]);
+  }
 }
 
 }  // extern "C"

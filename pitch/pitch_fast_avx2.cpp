@@ -2,6 +2,7 @@
 // pitch_network.inc.
 #include <cstring>
 
+#include "../engine/batch.h"
 #include "../engine/kernels.h"
 #include "depthwise_conv33.h"
 #include "pitch_network.h"
@@ -15,6 +16,7 @@ void DepthwiseConv33(const PitchBlockWeights& weights, const float* x, PitchBloc
 }
 
 #include "pitch_network.inc"
+#include "pitch_batch.inc"
 
 }  // namespace fast_avx2
 }  // namespace corvina

@@ -15,11 +15,15 @@ void PitchNetwork(const PitchEstimatorBlock& model, PitchContext* context);
 namespace avx2 {
 void PitchNetwork(const PitchEstimatorBlock& model, PitchContext* context);
 }
+// The fast builds also run a batch: n <= kMaxBatch streams, layer by layer
+// across them, each stream's scores in its own context (pitch_batch.inc).
 namespace fast_avx2 {
 void PitchNetwork(const PitchEstimatorBlock& model, PitchContext* context);
+void PitchNetworkN(const PitchEstimatorBlock& model, PitchContext* const* contexts, int n);
 }
 namespace fast_avx512 {
 void PitchNetwork(const PitchEstimatorBlock& model, PitchContext* context);
+void PitchNetworkN(const PitchEstimatorBlock& model, PitchContext* const* contexts, int n);
 }
 
 }  // namespace corvina

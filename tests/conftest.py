@@ -1,4 +1,19 @@
 import os
 import sys
 
+import pytest
+
 sys.path.insert(0, os.path.dirname(__file__))
+
+
+@pytest.fixture(scope="session")
+def model_dir(tmp_path_factory):
+    """A random model set with three speakers, for the tests that only read it."""
+    from corvina_tools import write_test_model
+    return write_test_model(str(tmp_path_factory.mktemp("models")), seed=5, speakers=3)
+
+
+@pytest.fixture(scope="session")
+def models(model_dir):
+    from corvina_tools import ModelSet
+    return ModelSet.load(model_dir)

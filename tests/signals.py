@@ -1,8 +1,14 @@
-"""Speech-like test signals at 16 kHz, deterministic for a given seed."""
+"""Speech-like test signals at 16 kHz, deterministic for a given seed; one
+stream through a model set's three models, and a stand-in for them."""
+import os
+
 import numpy as np
 
 IN_SAMPLE_RATE = 16000
 IN_HOP_LENGTH = 160
+# Seed of the randomised tests, printed when one fails; the same variable
+# sets the native tests' seed.
+SEED = int(os.environ.get("CORVINA_TEST_SEED", "20261121"))
 
 
 def speech_like(n_frames, seed=0, silence=(0.35, 0.45)):
@@ -39,3 +45,33 @@ def frames(signal):
     """Split a signal into rows of 160 samples (the tail is dropped)."""
     n = len(signal) // IN_HOP_LENGTH
     return signal[: n * IN_HOP_LENGTH].reshape(n, IN_HOP_LENGTH)
+
+
+class Chain:
+    """One stream through the three models of a ModelSet with contexts of
+    its own: 160 samples in, 240 out. The last frame's phone features,
+    pitch bin and pitch features are kept in `last`."""
+
+    def __init__(self, models, speaker=0):
+        self.m, self.speaker = models, models.speakers[speaker:speaker + 1]
+        self.contexts = [m.new_context(1) for m in (models.phone, models.pitch, models.waveform)]
+        self.last = None
+
+    def __call__(self, x):
+        self.last = (self.m.phone(x, self.contexts[0]), *self.m.pitch(x, self.contexts[1]))
+        return self.m.waveform(*self.last, self.speaker, self.contexts[2])
+
+
+class StretchChain:
+    """Stands in for the models inside a Converter: records each frame and
+    answers with it stretched to 240 samples (a known, frame-local mapping)."""
+
+    def __init__(self):
+        self.frames = []
+
+    def reset(self):
+        self.frames = []
+
+    def __call__(self, frame, shift_bins, speaker_row):
+        self.frames.append(frame.copy())
+        return np.interp(np.arange(240) * 160 / 240, np.arange(160), frame).astype(np.float32)

@@ -9,6 +9,7 @@ same forced cast the module asks numpy for."""
 import gc
 import os
 import pathlib
+import shutil
 import tracemalloc
 import warnings
 
@@ -18,7 +19,6 @@ from hypothesis import HealthCheck, event, given, settings
 from hypothesis import strategies as st
 
 import corvina
-from corvina_tools import ModelSet, write_test_model
 
 # CI runs the same examples every time; HYPOTHESIS_PROFILE=explore draws new
 # ones, many more (the failing example is printed either way).
@@ -33,11 +33,6 @@ DTYPES = ["float32", "float64", "float16", ">f4", "int8", "int32", "int64", "uin
           "complex64", "complex128", "object", "U12", "S12"]
 LAYOUTS = ["plain", "fortran", "strided", "reversed", "misaligned", "list", "subclass", "masked", "readonly"]
 SPECIALS = [np.nan, np.inf, -np.inf, 0.0, -0.0, 1e-45, 3.4e38, 1e300, -1e300]
-
-
-@pytest.fixture(scope="module")
-def models(tmp_path_factory):
-    return ModelSet.load(write_test_model(str(tmp_path_factory.mktemp("fuzz")), seed=13, speakers=2))
 
 
 class Subclass(np.ndarray):
@@ -127,6 +122,7 @@ def raises_like(expected, call, message=None):
         call()
     if message is not None:
         assert str(caught.value) == message
+    return str(caught.value)
 
 
 def bits(*arrays):
@@ -160,6 +156,11 @@ WAVEFORM_ARGS = [  # name, dtype, rank, trailing dimension
     ("pitch_features", np.float32, 2, 4),
     ("speaker_embeddings", np.float32, 2, 256),
 ]
+WAVEFORM_RULES = ["len(phone) != length", "phone.shape[1] != PHONE_CHANNELS", "len(quantized_pitch) != length",
+                  "len(pitch_features) != length", "pitch_features.shape[1] != 4",
+                  "len(speaker_embeddings) != length",
+                  "speaker_embeddings.shape[1] != WAVEFORM_GENERATOR_HIDDEN_CHANNELS",
+                  "quantized_pitch not in range(PITCH_BINS)"]
 
 
 def waveform_expectation(args):
@@ -171,16 +172,10 @@ def waveform_expectation(args):
             return a, None
         converted.append(a)
     phone, pitch, features, speaker = converted
-    rules = [(lambda: len(phone) != 1, "len(phone) != length"),
-             (lambda: phone.shape[1] != 256, "phone.shape[1] != PHONE_CHANNELS"),
-             (lambda: len(pitch) != 1, "len(quantized_pitch) != length"),
-             (lambda: len(features) != 1, "len(pitch_features) != length"),
-             (lambda: features.shape[1] != 4, "pitch_features.shape[1] != 4"),
-             (lambda: len(speaker) != 1, "len(speaker_embeddings) != length"),
-             (lambda: speaker.shape[1] != 256, "speaker_embeddings.shape[1] != WAVEFORM_GENERATOR_HIDDEN_CHANNELS"),
-             (lambda: not 0 <= pitch[0] < 384, "quantized_pitch not in range(PITCH_BINS)")]
-    for failed, message in rules:  # in the order the call checks them
-        if failed():
+    failed = [len(phone) != 1, phone.shape[1] != 256, len(pitch) != 1, len(features) != 1, features.shape[1] != 4,
+              len(speaker) != 1, speaker.shape[1] != 256, len(pitch) == 1 and not 0 <= pitch[0] < 384]
+    for broken, message in zip(failed, WAVEFORM_RULES):  # in the order the call checks them
+        if broken:
             return ValueError, message
     return converted, None
 
@@ -214,49 +209,11 @@ def test_waveform_inputs_of_any_kind(models, args):
     refused = not isinstance(expected, list)
     event(message or ("refused in conversion" if refused else "computed"))
     if refused:
-        raises_like(expected, call, message)
+        # A failed conversion is numpy's error, never read as a rule's.
+        assert raises_like(expected, call, message) not in ([] if message else WAVEFORM_RULES)
     else:
         want = models.waveform(*expected, models.waveform.new_context(1))
         assert bits(call()).tobytes() == bits(want).tobytes()
-
-
-def context_cases(models):
-    """(context object, expected exception or None) for the phone extractor."""
-    class Context(corvina.PhoneContext):
-        pass
-
-    class Lazy(corvina.PhoneContext):
-        def __init__(self):
-            pass
-
-    return [(models.phone.new_context(1), None), (Context(1), None),
-            (models.pitch.new_context(1), TypeError), (models.waveform.new_context(1), TypeError),
-            (None, TypeError), (models.phone, TypeError), (1, TypeError), (np.zeros(3), TypeError),
-            (corvina.PhoneContext(0), ValueError), (corvina.PhoneContext(2), ValueError),
-            (corvina.PhoneContext(-7), ValueError), (Lazy(), ValueError)]
-
-
-@FUZZ
-@given(data=st.data())
-def test_context_and_argument_rules_come_first(models, data):
-    """The parser's TypeError, then the length guard's ValueError, before the
-    input is even looked at."""
-    context, error = data.draw(st.sampled_from(context_cases(models)))
-    x = data.draw(st.sampled_from([np.zeros(160, np.float32), np.zeros(3), "text", None]))
-    style = data.draw(st.sampled_from(["positional", "keywords", "extra", "missing", "unknown"]))
-    call = {"positional": lambda: models.phone(x, context),
-            "keywords": lambda: models.phone(context=context, input=x),
-            "extra": lambda: models.phone(x, context, 1),
-            "missing": lambda: models.phone(x),
-            "unknown": lambda: models.phone(x, context=context, frames=1)}[style]
-    if style in ("extra", "missing", "unknown") or error is TypeError:
-        raises_like(TypeError, call)
-    elif error is ValueError:
-        raises_like(ValueError, call, "length != 1")
-    elif x is not None and np.shape(x) == (160,):
-        assert call().shape == (1, 256)
-    else:
-        raises_like(ValueError, call)
 
 
 LENGTHS = st.one_of(st.integers(-2**40, 2**40), st.sampled_from([0, 1, 2, -1, 2**31 - 1, -2**31, 2**31, True]),
@@ -316,13 +273,20 @@ def test_speaker_files_of_any_size_and_path_form(tmp_path_factory, size, seed, f
         assert rows.view(np.uint32).tobytes() == want.view(np.uint32).tobytes()
 
 
+BAD_PATHS = [("a\0b", ValueError), (b"a\0b", ValueError), (FsPath("a\0b"), ValueError), (3, TypeError),
+             (None, TypeError), (bytearray(b"x"), TypeError), (FsPath(3), TypeError)]
+
+
 def test_speaker_paths_that_name_no_usable_file(tmp_path):
-    for path in (tmp_path / "missing.bin", tmp_path, "/dev/null", ""):
-        for form in path_forms(os.fsencode(path)) if path != "" else ["", b""]:
+    """No rows from nothing, a directory, devices (one endless) or a file
+    that reports no size; bad path objects are refused."""
+    for path in (tmp_path / "missing.bin", tmp_path, "/dev/null", "/dev/zero", "/proc/self/status"):
+        for form in path_forms(os.fsencode(path)):
             rows = corvina.read_speaker_embeddings(form)
-            assert rows.shape[1] == 256 and not rows.any()
-    for bad, error in [("a\0b", ValueError), (b"a\0b", ValueError), (FsPath("a\0b"), ValueError),
-                       (3, TypeError), (None, TypeError), (bytearray(b"x"), TypeError), (FsPath(3), TypeError)]:
+            assert rows.shape == (0, 256) or (path == tmp_path and rows.shape[1] == 256 and not rows.any()), path
+    for form in ("", b""):
+        assert corvina.read_speaker_embeddings(form).shape == (0, 256)
+    for bad, error in BAD_PATHS:
         raises_like(error, lambda: corvina.read_speaker_embeddings(bad))
 
 
@@ -334,13 +298,12 @@ def test_unreadable_speaker_file(tmp_path):
     assert corvina.read_speaker_embeddings(path).shape == (0, 256)
 
 
-def test_parameter_paths_in_every_form(tmp_path):
+def test_parameter_paths_in_every_form(model_dir, tmp_path):
     """Every path form reaches the file; bad forms are refused before the
-    engine sees them (a path that names no file ends the process, which the
-    file tests cover in subprocesses)."""
-    write_test_model(str(tmp_path), seed=4, speakers=1)
+    engine sees them (a path that names no file ends the process, which
+    test_parameter_files.py covers in subprocesses)."""
     odd = os.path.join(os.fsencode(tmp_path), b"p\xff.bin")  # not valid UTF-8
-    os.rename(os.path.join(os.fsencode(tmp_path), b"pitch_estimator.bin"), odd)
+    shutil.copy(os.path.join(model_dir, "pitch_estimator.bin"), odd)
     x = np.linspace(-0.5, 0.5, 160, dtype=np.float32)
     outputs = []
     for form in path_forms(odd):
@@ -348,25 +311,9 @@ def test_parameter_paths_in_every_form(tmp_path):
         model.read_parameters(form)
         outputs.append(bits(model(x, model.new_context(1))[1]).tobytes())
     assert len(set(outputs)) == 1
-    model = corvina.PitchEstimator()
-    for bad, error in [("a\0b", ValueError), (b"a\0b", ValueError), (3, TypeError), (None, TypeError),
-                       (bytearray(b"x"), TypeError), (FsPath(3), TypeError)]:
+    for bad, error in BAD_PATHS:
         raises_like(error, lambda: model.read_parameters(bad))
     raises_like(TypeError, model.read_parameters)
-
-
-def test_huge_and_empty_arrays(models):
-    huge = np.zeros(10_000_000, np.float32)
-    for model in (models.phone, models.pitch):
-        raises_like(ValueError, lambda: model(huge, model.new_context(1)), "len(input) != length * IN_HOP_LENGTH")
-        raises_like(ValueError, lambda: model(huge[:0], model.new_context(1)), "len(input) != length * IN_HOP_LENGTH")
-    row = np.zeros((1, 256), np.float32)
-    context = models.waveform.new_context(1)
-    raises_like(ValueError, lambda: models.waveform(np.zeros((40_000, 256)), [1], row[:, :4], row, context),
-                "len(phone) != length")
-    raises_like(ValueError, lambda: models.waveform(row, [1], row[:, :4], np.zeros((1, 1_000_000)), context),
-                "speaker_embeddings.shape[1] != WAVEFORM_GENERATOR_HIDDEN_CHANNELS")
-    raises_like(ValueError, lambda: models.waveform(row[:0], [1], row[:, :4], row, context), "len(phone) != length")
 
 
 def traced_growth(work, rounds):

@@ -1,6 +1,9 @@
-"""The module's public surface, object lifecycle and speaker-file function."""
+"""The module's public surface and the rules of its calls: every documented
+error message once, checks before any state changes, the context guard
+before anything else, object lifecycle. Conversions of every kind of input
+are fuzzed in test_fuzz_python.py; the results themselves are compared with
+the references."""
 import gc
-import os
 import resource
 
 import numpy as np
@@ -8,70 +11,138 @@ import pytest
 
 import corvina
 
-MODELS = [
-    (corvina.PhoneExtractor, corvina.PhoneContext),
-    (corvina.PitchEstimator, corvina.PitchContext),
-    (corvina.WaveformGenerator, corvina.WaveformContext),
+TYPES = {"phone": (corvina.PhoneExtractor, corvina.PhoneContext),
+         "pitch": (corvina.PitchEstimator, corvina.PitchContext),
+         "waveform": (corvina.WaveformGenerator, corvina.WaveformContext)}
+WAVEFORM_ARGS = ("phone", "quantized_pitch", "pitch_features", "speaker_embeddings")
+
+
+def test_public_surface():
+    public = {k: v for k, v in vars(corvina).items() if not k.startswith("_")}
+    assert {k for k, v in public.items() if isinstance(v, type)} == {t.__name__ for p in TYPES.values() for t in p}
+    assert [k for k, v in public.items() if callable(v) and not isinstance(v, type)] == ["read_speaker_embeddings"]
+    assert {k: v for k, v in public.items() if isinstance(v, int)} == {
+        "IN_HOP_LENGTH": 160, "OUT_HOP_LENGTH": 240, "IN_SAMPLE_RATE": 16000, "OUT_SAMPLE_RATE": 24000,
+        "PHONE_CHANNELS": 256, "WAVEFORM_GENERATOR_HIDDEN_CHANNELS": 256, "PITCH_BINS": 384,
+        "PITCH_BINS_PER_OCTAVE": 96}
+
+
+def frame(kind, seed=0):
+    """Good arguments for one frame of `kind`, the context left out."""
+    rng = np.random.default_rng(seed)
+    if kind != "waveform":
+        return [rng.uniform(-0.5, 0.5, 160).astype(np.float32)]
+    return [rng.standard_normal((1, 256)).astype(np.float32), rng.integers(0, 384, 1).astype(np.int32),
+            rng.standard_normal((1, 4)).astype(np.float32), (0.3 * rng.standard_normal((1, 256))).astype(np.float32)]
+
+
+def bits(result):
+    """A result (an array, or the pitch estimator's pair) as raw bytes."""
+    return b"".join(np.ascontiguousarray(a).tobytes() for a in (result if isinstance(result, tuple) else (result,)))
+
+
+class Refuses:
+    """An argument whose conversion fails with its own name."""
+
+    def __init__(self, name):
+        self.name = name
+
+    def __array__(self, *args, **kwargs):
+        raise LookupError(self.name)
+
+
+def test_results_and_keywords(models):
+    phone = models.phone(input=frame("phone")[0], context=models.phone.new_context(1))
+    assert phone.shape == (1, 256) and phone.dtype == np.float32 and phone.flags.c_contiguous
+    bins, features = models.pitch(input=frame("pitch")[0], context=models.pitch.new_context(1))
+    assert bins.shape == (1,) and bins.dtype == np.int32 and 1 <= bins[0] <= 383
+    assert features.shape == (1, 4) and features.dtype == np.float32
+    assert bins.flags.owndata and features.flags.owndata
+    out = models.waveform(**dict(zip(WAVEFORM_ARGS, frame("waveform"))), context=models.waveform.new_context(1))
+    assert out.shape == (240,) and out.dtype == np.float32 and np.isfinite(out).all() and out.any()
+
+
+HOP = "len(input) != length * IN_HOP_LENGTH"
+ERRORS = [  # kind, argument, value, message
+    ("phone", 0, np.zeros(159), HOP),
+    ("pitch", 0, np.zeros(161), HOP),
+    ("waveform", 0, np.zeros((2, 256)), "len(phone) != length"),
+    ("waveform", 0, np.zeros((1, 255)), "phone.shape[1] != PHONE_CHANNELS"),
+    ("waveform", 1, np.zeros(2, np.int32), "len(quantized_pitch) != length"),
+    ("waveform", 2, np.zeros((0, 4)), "len(pitch_features) != length"),
+    ("waveform", 2, np.zeros((1, 3)), "pitch_features.shape[1] != 4"),
+    ("waveform", 3, np.zeros((2, 256)), "len(speaker_embeddings) != length"),
+    ("waveform", 3, np.zeros((1, 257)), "speaker_embeddings.shape[1] != WAVEFORM_GENERATOR_HIDDEN_CHANNELS"),
+    ("waveform", 1, np.array([384]), "quantized_pitch not in range(PITCH_BINS)"),
+    ("waveform", 1, np.array([-1]), "quantized_pitch not in range(PITCH_BINS)"),
 ]
 
 
-def test_constants():
-    assert (corvina.IN_HOP_LENGTH, corvina.OUT_HOP_LENGTH) == (160, 240)
-    assert (corvina.IN_SAMPLE_RATE, corvina.OUT_SAMPLE_RATE) == (16000, 24000)
-    assert corvina.PHONE_CHANNELS == corvina.WAVEFORM_GENERATOR_HIDDEN_CHANNELS == 256
-    assert (corvina.PITCH_BINS, corvina.PITCH_BINS_PER_OCTAVE) == (384, 96)
+@pytest.mark.parametrize("kind, position, value, message", ERRORS)
+def test_refused_frames_name_their_rule_and_leave_the_stream_untouched(models, kind, position, value, message):
+    model, args = getattr(models, kind), frame(kind)
+    context = model.new_context(1)
+    bad = list(args)
+    bad[position] = value
+    with pytest.raises(ValueError) as caught:
+        model(*bad, context)
+    assert str(caught.value) == message
+    # Nothing ran: the context still gives a fresh stream's first frame.
+    assert bits(model(*args, context)) == bits(model(*args, model.new_context(1)))
 
 
-def test_public_surface_is_six_types_one_function_eight_constants():
-    public = {k: v for k, v in vars(corvina).items() if not k.startswith("_")}
-    types = sorted(k for k, v in public.items() if isinstance(v, type))
-    functions = [k for k, v in public.items() if callable(v) and not isinstance(v, type)]
-    constants = [k for k, v in public.items() if isinstance(v, int)]
-    assert types == sorted(["PhoneContext", "PhoneExtractor", "PitchContext", "PitchEstimator",
-                            "WaveformContext", "WaveformGenerator"])
-    assert functions == ["read_speaker_embeddings"]
-    assert len(constants) == 8
-    for name in types:
-        assert getattr(corvina, name).__module__ == "corvina"
-        assert repr(getattr(corvina, name)) == f"<class 'corvina.{name}'>"
-    assert corvina.read_speaker_embeddings.__doc__ == "Read speaker embeddings from file."
-    assert corvina.PhoneExtractor.read_parameters.__doc__ == "Read parameters from file."
-    assert corvina.PhoneExtractor.new_context.__doc__ == "Create new context."
+def test_waveform_converts_in_order_then_checks_in_order(models):
+    good, context = frame("waveform"), models.waveform.new_context(1)
+    for first in range(4):
+        with pytest.raises(LookupError, match=WAVEFORM_ARGS[first]):
+            models.waveform(*good[:first], *map(Refuses, WAVEFORM_ARGS[first:]), context)
+    # A shape that would fail its check waits for the later conversions.
+    with pytest.raises(LookupError, match="speaker_embeddings"):
+        models.waveform(np.zeros((2, 256)), good[1], good[2], Refuses("speaker_embeddings"), context)
+    for args, message in [((np.zeros((2, 255)), [400], np.zeros((1, 3)), good[3]), "len(phone) != length"),
+                          ((good[0], [400], np.zeros((1, 3)), np.zeros((2, 256))), "pitch_features.shape[1] != 4")]:
+        with pytest.raises(ValueError) as caught:
+            models.waveform(*args, context)
+        assert str(caught.value) == message
+    for edge in (0, 383):
+        assert models.waveform(good[0], [edge], *good[2:], context).shape == (240,)
 
 
-@pytest.mark.parametrize("model_type, context_type", MODELS)
-def test_new_context(model_type, context_type):
-    model = model_type()
-    assert type(model.new_context(1)) is context_type
-    with pytest.raises(ValueError, match="^length != 1$"):
-        model.new_context(2)
-    with pytest.raises(TypeError):
-        model.new_context("1")
-    # A context of another length is accepted but carries no engine state.
-    context_type(3)
-    with pytest.raises(TypeError):
-        context_type()
+@pytest.mark.parametrize("kind", TYPES)
+def test_context_rules_come_before_the_input_is_looked_at(models, kind):
+    model_type, context_type = TYPES[kind]
+    model, args = getattr(models, kind), frame(kind)
 
-
-@pytest.mark.parametrize("model_type, context_type", MODELS)
-def test_types_can_be_subclassed(model_type, context_type):
-    class Model(model_type):
+    class Own(context_type):
         pass
 
-    class Context(context_type):
-        pass
+    class Lazy(context_type):
+        def __init__(self):
+            pass
 
-    assert isinstance(Model().new_context(1), context_type)
-    Context(1)
+    assert bits(model(*args, Own(1))) == bits(model(*args, model.new_context(1)))
+    for unusable in (context_type(0), context_type(2), Lazy()):
+        with pytest.raises(ValueError, match=r"^length != 1$"):
+            model(*map(Refuses, args), unusable)
+    for other in (TYPES["pitch" if kind == "phone" else "phone"][1](1), None, model, 1):
+        with pytest.raises(TypeError):
+            model(*args, other)
+    for call in (lambda: model(*args), lambda: model(*args, model.new_context(1), 1),
+                 lambda: model(*args, context=model.new_context(1), frames=1)):
+        with pytest.raises(TypeError):
+            call()
 
 
-def test_uninitialised_model_subclass_is_refused(tmp_path):
-    class Lazy(corvina.PhoneExtractor):
+@pytest.mark.parametrize("kind", TYPES)
+def test_an_uninitialised_model_is_refused(models, kind, tmp_path):
+    class Lazy(TYPES[kind][0]):
         def __init__(self):
             pass
 
     with pytest.raises(RuntimeError):
         Lazy().read_parameters(tmp_path / "never-read.bin")
+    with pytest.raises(RuntimeError):
+        Lazy()(*frame(kind), getattr(models, kind).new_context(1))
 
 
 def rss_bytes():
@@ -85,7 +156,7 @@ def test_blocks_are_freed():
     # settle on the memory it keeps.
     def cycle(rounds):
         for _ in range(rounds):
-            for model_type, context_type in MODELS:
+            for model_type, context_type in TYPES.values():
                 model = model_type()
                 model.__init__()  # re-initialising frees the replaced block
                 context = model.new_context(1)
@@ -97,34 +168,3 @@ def test_blocks_are_freed():
     before = rss_bytes()
     cycle(300)
     assert rss_bytes() - before < 16 << 20
-
-
-class TestSpeakerEmbeddings:
-    def write(self, path, values):
-        np.asarray(values, dtype="<f2").tofile(path)
-        return path
-
-    def test_rows_are_exact_widenings(self, tmp_path):
-        rng = np.random.default_rng(7)
-        halves = rng.standard_normal((3, 256)).astype(np.float16)
-        for path in (tmp_path / "s.bin", str(tmp_path / "s.bin"), os.fsencode(tmp_path / "s.bin")):
-            self.write(tmp_path / "s.bin", halves)
-            rows = corvina.read_speaker_embeddings(path)
-            assert rows.dtype == np.float32 and rows.shape == (3, 256)
-            np.testing.assert_array_equal(rows, halves.astype(np.float32))
-
-    @pytest.mark.parametrize("size", [0, 1000, 511])
-    def test_files_without_whole_speakers_give_no_rows(self, tmp_path, size):
-        path = tmp_path / "s.bin"
-        path.write_bytes(b"\x01" * size)
-        assert corvina.read_speaker_embeddings(path).shape == (0, 256)
-
-    def test_missing_file_and_directory_give_no_rows(self, tmp_path):
-        assert corvina.read_speaker_embeddings(tmp_path / "missing.bin").shape == (0, 256)
-        assert corvina.read_speaker_embeddings(tmp_path).shape[1] == 256
-
-    def test_bad_path_types(self):
-        with pytest.raises(TypeError):
-            corvina.read_speaker_embeddings(3)
-        with pytest.raises(TypeError):
-            corvina.read_speaker_embeddings()

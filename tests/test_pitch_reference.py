@@ -131,12 +131,8 @@ def run_engine(corvina, params, signal, path):
     model = corvina.PitchEstimator()
     model.read_parameters(str(path))
     context = model.new_context(1)
-    got_pitch, got_features = [], []
-    for frame in frames(signal):
-        q, f = model(np.ascontiguousarray(frame, dtype=F32), context)
-        got_pitch.append(int(q[0]))
-        got_features.append(np.asarray(f, np.float64)[0])
-    return np.array(got_pitch), np.array(got_features)
+    outputs = [model(frame, context) for frame in frames(signal)]
+    return np.concatenate([q for q, _ in outputs]), np.vstack([f for _, f in outputs]).astype(np.float64)
 
 
 def test_engine_matches_reference(stream, tmp_path):

@@ -2,6 +2,7 @@
 with its own contexts, bit for bit as if run one after another; a context or
 model touched while a call is using it refuses with RuntimeError instead of
 racing."""
+import os
 import threading
 import time
 
@@ -9,57 +10,33 @@ import numpy as np
 import pytest
 
 import corvina
-from corvina_tools import ModelSet, write_test_model
-from signals import frames, speech_like
+from signals import Chain, frames, speech_like
 
 N_THREADS = 6
 N_FRAMES = 30
 SEED = 11
+STREAMS = [frames(speech_like(N_FRAMES, seed=SEED + k)) for k in range(N_THREADS)]
 
 
-@pytest.fixture(scope="module")
-def models(tmp_path_factory):
-    return ModelSet.load(write_test_model(str(tmp_path_factory.mktemp("threads")), seed=SEED, speakers=2))
+def words(arrays):
+    return np.concatenate([np.ascontiguousarray(a).ravel().view(np.uint32) for a in arrays])
 
 
-@pytest.fixture(scope="module")
-def streams(models):
-    """One input signal per thread, with the phone and pitch outputs the
-    waveform generator is fed."""
-    out = []
-    for k in range(N_THREADS):
-        rows = frames(speech_like(N_FRAMES, seed=SEED + k))
-        pc, tc = models.phone.new_context(1), models.pitch.new_context(1)
-        features = [models.phone(x, pc) for x in rows]
-        pitch = [models.pitch(x, tc) for x in rows]
-        out.append((rows, features, pitch))
-    return out
+def run_chain(models, rows):
+    """Every model's outputs for a stream through the chain, as raw words."""
+    chain = Chain(models, speaker=1)
+    return words([out for x in rows for out in (chain(x), *chain.last)])
 
 
-def run_phone(models, stream):
-    context = models.phone.new_context(1)
-    return [models.phone(x, context) for x in stream[0]]
-
-
-def run_pitch(models, stream):
-    context = models.pitch.new_context(1)
-    return [np.concatenate([b.view(np.float32), f.ravel()]) for b, f in (models.pitch(x, context) for x in stream[0])]
-
-
-def run_waveform(models, stream):
-    context = models.waveform.new_context(1)
-    speaker = models.speakers[:1]
-    return [models.waveform(f, b, pf, speaker, context) for f, (b, pf) in zip(stream[1], stream[2])]
-
-
-def run_chain(models, stream):
-    contexts = models.phone.new_context(1), models.pitch.new_context(1), models.waveform.new_context(1)
-    out = []
-    for x in stream[0]:
-        features = models.phone(x, contexts[0])
-        bins, pitch_features = models.pitch(x, contexts[1])
-        out.append(models.waveform(features, bins, pitch_features, models.speakers[1:], contexts[2]))
-    return out
+def step(models, kind, context, f):
+    """Frame f of one model's stream as raw words; the generator's inputs
+    are random rows, fixed by f."""
+    if kind != "waveform":
+        out = getattr(models, kind)(STREAMS[0][f], context)
+        return words(out if kind == "pitch" else [out])
+    rng = np.random.default_rng(f)
+    phone, features = rng.standard_normal((1, 256)), rng.standard_normal((1, 4))
+    return words([models.waveform(phone, [40 * f], features, models.speakers[:1], context)])
 
 
 def in_threads(count, work):
@@ -85,48 +62,27 @@ def in_threads(count, work):
     return results
 
 
-def bits(outputs):
-    return np.concatenate([np.asarray(o, np.float32).ravel() for o in outputs]).view(np.uint32)
-
-
-@pytest.mark.parametrize("run", [run_phone, run_pitch, run_waveform, run_chain], ids=lambda f: f.__name__[4:])
-def test_shared_model_matches_sequential_runs(models, streams, run):
-    sequential = [bits(run(models, s)) for s in streams]
-    concurrent = in_threads(N_THREADS, lambda k: bits(run(models, streams[k])))
+def test_shared_models_match_sequential_runs(models):
+    sequential = [run_chain(models, rows) for rows in STREAMS]
+    concurrent = in_threads(N_THREADS, lambda k: run_chain(models, STREAMS[k]))
     for k in range(N_THREADS):
         np.testing.assert_array_equal(concurrent[k], sequential[k], err_msg=f"thread {k}, seed {SEED + k}")
 
 
-def _call(models, kind, context, x, stream):
-    if kind == "phone":
-        return models.phone(x, context)
-    if kind == "pitch":
-        b, f = models.pitch(x, context)
-        return np.concatenate([b.view(np.float32), f.ravel()])
-    # The generator's input is fixed: the stream's first phone and pitch outputs.
-    return models.waveform(stream[1][0], *stream[2][0], models.speakers[:1], context)
-
-
-def _new_context(models, kind):
-    return getattr(models, kind).new_context(1)
-
-
 @pytest.mark.parametrize("kind", ["phone", "pitch", "waveform"])
-def test_one_context_from_two_threads_is_refused_not_corrupted(models, streams, kind):
+def test_one_context_from_two_threads_is_refused_not_corrupted(models, kind):
     """Both threads feed the same frame to one context, so after S successful
     calls the context must be exactly where S sequential calls leave it,
     whichever thread made them; the successful outputs are the first S
     sequential outputs in some order."""
-    stream = streams[0]
-    frame = stream[0][7]
-    shared = _new_context(models, kind)
+    shared = getattr(models, kind).new_context(1)
     refused = [0, 0]
 
     def work(k):
         outputs, deadline = [], time.monotonic() + 10
         while len(outputs) < 40 and time.monotonic() < deadline:
             try:
-                outputs.append(bits([_call(models, kind, shared, frame, stream)]))
+                outputs.append(step(models, kind, shared, 7))
             except RuntimeError as e:
                 assert str(e) == "context is in use by another call"
                 refused[k] += 1
@@ -135,13 +91,12 @@ def test_one_context_from_two_threads_is_refused_not_corrupted(models, streams, 
     done = in_threads(2, work)
     assert sum(refused) > 0, "the two threads never overlapped"
     successes = done[0] + done[1]
-
-    reference = _new_context(models, kind)
-    expected = [bits([_call(models, kind, reference, frame, stream)]) for _ in successes]
+    reference = getattr(models, kind).new_context(1)
+    expected = [step(models, kind, reference, 7) for _ in successes]
     assert sorted(map(bytes, successes)) == sorted(map(bytes, expected))
-    later = [bits([_call(models, kind, c, x, stream)]) for x in stream[0][:5] for c in (shared, reference)]
-    for k in range(0, len(later), 2):
-        np.testing.assert_array_equal(later[k], later[k + 1], err_msg=f"frame {k // 2} after the race")
+    for f in range(5):
+        np.testing.assert_array_equal(step(models, kind, shared, f), step(models, kind, reference, f),
+                                      err_msg=f"frame {f} after the race")
 
 
 def _keep_calling(model, context, stop, errors):
@@ -175,8 +130,8 @@ def _refusal_while_busy(model, attempt, context=None):
     return message
 
 
-def test_model_reading_and_reinitialising_are_refused_while_calls_run(models, tmp_path):
-    path = write_test_model(str(tmp_path), seed=SEED, speakers=1) + "/phone_extractor.bin"
+def test_model_reading_and_reinitialising_are_refused_while_calls_run(model_dir):
+    path = os.path.join(model_dir, "phone_extractor.bin")
     model = corvina.PhoneExtractor()
     model.read_parameters(path)
     busy = "model is in use by a running call"
@@ -189,7 +144,8 @@ def test_model_reading_and_reinitialising_are_refused_while_calls_run(models, tm
 
 def test_context_reinitialising_is_refused_while_a_call_uses_it(models):
     context = models.phone.new_context(1)
-    assert _refusal_while_busy(models.phone, lambda: context.__init__(1), context) == "context is in use by another call"
+    message = _refusal_while_busy(models.phone, lambda: context.__init__(1), context)
+    assert message == "context is in use by another call"
     context.__init__(2)  # idle: allowed, and leaves no engine block
     with pytest.raises(ValueError, match="^length != 1$"):
         models.phone(np.zeros(160, np.float32), context)

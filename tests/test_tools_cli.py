@@ -8,15 +8,10 @@ import numpy as np
 import pytest
 import soundfile as sf
 
-from corvina_tools import cli, convert_files, write_test_model
+from corvina_tools import cli, convert_files
 from corvina_tools.speech import speech_like
 
 INPUTS = [("talk.wav", 16000, 1, "PCM_16"), ("stereo.flac", 44100, 2, "PCM_24"), ("low.ogg", 22050, 1, "VORBIS")]
-
-
-@pytest.fixture(scope="module")
-def model(tmp_path_factory):
-    return write_test_model(str(tmp_path_factory.mktemp("model")), seed=1, speakers=2)
 
 
 @pytest.fixture(scope="module")
@@ -36,8 +31,8 @@ def run(*argv):
                           timeout=120)
 
 
-def test_convert_formats_and_rates_to_a_folder_and_a_file(model, inputs, tmp_path, capsys):
-    status = cli.main(["convert", *inputs, "-m", model, "-o", str(tmp_path / "out"), "-r", "48000",
+def test_convert_formats_and_rates_to_a_folder_and_a_file(model_dir, inputs, tmp_path, capsys):
+    status = cli.main(["convert", *inputs, "-m", model_dir, "-o", str(tmp_path / "out"), "-r", "48000",
                        "-s", "0:1,1:2", "-p", "-3"])
     assert status == 0
     summary = capsys.readouterr().out
@@ -49,15 +44,16 @@ def test_convert_formats_and_rates_to_a_folder_and_a_file(model, inputs, tmp_pat
         assert np.isfinite(y).all() and y.std() > 1e-3
     assert sorted(os.listdir(tmp_path / "out")) == ["low.wav", "stereo.wav", "talk.wav"]
     # One file: the format comes from the extension.
-    assert cli.main(["convert", inputs[0], "-m", model, "-o", str(tmp_path / "one.flac"), "--subtype", "PCM_24"]) == 0
-    info = sf.info(tmp_path / "one.flac")
+    one = str(tmp_path / "one.flac")
+    assert cli.main(["convert", inputs[0], "-m", model_dir, "-o", one, "--subtype", "PCM_24"]) == 0
+    info = sf.info(one)
     assert (info.format, info.subtype, info.samplerate, info.frames) == ("FLAC", "PCM_24", 24000, 16800)
 
 
-def test_bad_inputs_fail_alone_and_leave_nothing(model, inputs, tmp_path, capsys):
+def test_bad_inputs_fail_alone_and_leave_nothing(model_dir, inputs, tmp_path, capsys):
     broken = tmp_path / "broken.wav"
     broken.write_bytes(b"RIFF" + b"\x07" * 200)
-    status = cli.main(["convert", inputs[0], str(broken), str(tmp_path / "absent.wav"), "-m", model,
+    status = cli.main(["convert", inputs[0], str(broken), str(tmp_path / "absent.wav"), "-m", model_dir,
                        "-o", str(tmp_path / "out")])
     captured = capsys.readouterr()
     assert status == 1
@@ -66,7 +62,7 @@ def test_bad_inputs_fail_alone_and_leave_nothing(model, inputs, tmp_path, capsys
     assert os.listdir(tmp_path / "out") == ["talk.wav"]
 
 
-def test_failure_mid_file_leaves_no_partial_output(model, inputs, tmp_path, monkeypatch):
+def test_failure_mid_file_leaves_no_partial_output(model_dir, inputs, tmp_path, monkeypatch):
     target = tmp_path / "kept.wav"
     target.write_bytes(b"earlier result")
 
@@ -75,19 +71,19 @@ def test_failure_mid_file_leaves_no_partial_output(model, inputs, tmp_path, monk
             raise OSError("disk on fire")
 
     monkeypatch.setattr(convert_files, "Converter", FailingConverter)
-    assert cli.main(["convert", inputs[1], "-m", model, "-o", str(target)]) == 1
+    assert cli.main(["convert", inputs[1], "-m", model_dir, "-o", str(target)]) == 1
     assert os.listdir(tmp_path) == ["kept.wav"] and target.read_bytes() == b"earlier result"
 
 
 @pytest.mark.parametrize("damage", ["truncate", "remove"])
-def test_bad_model_directory_is_an_error_not_an_abort(model, inputs, tmp_path, damage):
+def test_bad_model_directory_is_an_error_not_an_abort(model_dir, inputs, tmp_path, damage):
     bad = tmp_path / "model"
     bad.mkdir()
-    for name in os.listdir(model):
+    for name in os.listdir(model_dir):
         if name != "waveform_generator.bin":
-            os.link(os.path.join(model, name), bad / name)
+            os.link(os.path.join(model_dir, name), bad / name)
     if damage == "truncate":
-        with open(os.path.join(model, "waveform_generator.bin"), "rb") as f:
+        with open(os.path.join(model_dir, "waveform_generator.bin"), "rb") as f:
             (bad / "waveform_generator.bin").write_bytes(f.read(4096))
     result = run("convert", inputs[0], "-m", str(bad), "-o", str(tmp_path / "out.wav"))
     assert result.returncode == 1, result.stderr
@@ -106,8 +102,8 @@ def test_info_and_make_test_model(tmp_path):
     assert result.returncode == 1 and "found 10 bytes" in result.stdout
 
 
-def test_bench_reports_every_model(model, capsys):
-    assert cli.main(["bench", "-m", model, "-n", "20"]) == 0
+def test_bench_reports_every_model(model_dir, capsys):
+    assert cli.main(["bench", "-m", model_dir, "-n", "20"]) == 0
     out = capsys.readouterr().out
     assert all(label in out for label in ("phone extractor", "pitch estimator", "waveform generator",
                                           "chain", "real-time factor", "streams per core"))

@@ -11,17 +11,7 @@ import pytest
 from corvina_tools import Converter, live
 from corvina_tools.live import LiveError, LiveLoop, SampleRing, run_live
 from corvina_tools.speech import speech_like
-
-
-class StretchChain:
-    """Frame-local stand-in for the models: 160 samples stretched to 240."""
-
-    def reset(self):
-        pass
-
-    def __call__(self, frame, shift_bins, speaker_row):
-        return np.interp(np.arange(240) * 160 / 240, np.arange(160), frame).astype(np.float32)
-
+from signals import SEED, StretchChain
 
 MODELS = types.SimpleNamespace(speakers=np.zeros((1, 256), np.float32))
 
@@ -31,19 +21,18 @@ def make_converter(in_rate=16000, out_rate=24000):
 
 
 def test_ring_is_a_fifo_across_wraparound():
-    seed = int(np.random.SeedSequence().entropy % 2**32)
-    rng = np.random.default_rng(seed)
+    rng = np.random.default_rng(SEED)
     ring, model, counter = SampleRing(100), [], 0
     for _ in range(500):
         n = int(rng.integers(0, 60))
         data = np.arange(counter, counter + n, dtype=np.float32)
         stored = ring.write(data)
-        assert stored == min(n, 100 - len(model)), f"seed {seed}"
+        assert stored == min(n, 100 - len(model)), f"seed {SEED}"
         model += list(data[:stored])
         counter += n
         out = np.zeros(int(rng.integers(0, 60)), np.float32)
         got = ring.read_into(out)
-        assert list(out[:got]) == model[:got], f"seed {seed}"
+        assert list(out[:got]) == model[:got], f"seed {SEED}"
         del model[:got]
         assert ring.available == len(model)
 
@@ -146,9 +135,9 @@ class FakeDevices:
     check_output_settings = check_input_settings
 
 
-DEVICES = [{"name": "Built-in Microphone", "max_input_channels": 2, "max_output_channels": 0, "default_samplerate": 48000},
-           {"name": "Built-in Speakers", "max_input_channels": 0, "max_output_channels": 2, "default_samplerate": 48000},
-           {"name": "USB Headset", "max_input_channels": 1, "max_output_channels": 2, "default_samplerate": 44100}]
+DEVICES = [dict(name=name, max_input_channels=i, max_output_channels=o, default_samplerate=rate)
+           for name, i, o, rate in [("Built-in Microphone", 2, 0, 48000), ("Built-in Speakers", 0, 2, 48000),
+                                    ("USB Headset", 1, 2, 44100)]]
 
 
 def test_sessions_with_a_fake_device():

@@ -7,50 +7,24 @@ import numpy as np
 import pytest
 
 import corvina
-from corvina_tools import ModelError, ModelSet, write_test_model
+from corvina_tools import ModelError, ModelSet
 from corvina_tools import test_model as generator
 from corvina_tools.info import describe
 from reference import phone, pitch, waveform
+from signals import Chain
 
 SIZES = {"phone_extractor.bin": 10847360, "pitch_estimator.bin": 3434112, "waveform_generator.bin": 11463360}
 
 
-@pytest.fixture(scope="module")
-def good_model(tmp_path_factory):
-    return write_test_model(str(tmp_path_factory.mktemp("model")), seed=5, speakers=3)
-
-
 @pytest.fixture
-def model_copy(good_model, tmp_path):
-    return shutil.copytree(good_model, tmp_path / "model")
+def model_copy(model_dir, tmp_path):
+    return shutil.copytree(model_dir, tmp_path / "model")
 
 
-def _resize(path, size):
-    with open(path, "r+b") as f:
-        f.truncate(size)
-
-
-def _break(folder, name, how):
-    path = folder / name
-    if how == "missing":
-        path.unlink()
-    elif how == "short":
-        _resize(path, path.stat().st_size - 1)
-    elif how == "long":
-        _resize(path, path.stat().st_size + 1)
-    elif how == "empty":
-        _resize(path, 0)
-    elif how == "odd speakers":
-        _resize(path, 1000)
-    elif how == "directory":
-        path.unlink()
-        path.mkdir()
-    elif how == "fifo":
-        path.unlink()
-        os.mkfifo(path)
-    return path
-
-
+BREAKS = {"missing": lambda p: p.unlink(), "short": lambda p: os.truncate(p, p.stat().st_size - 1),
+          "long": lambda p: os.truncate(p, p.stat().st_size + 1), "empty": lambda p: os.truncate(p, 0),
+          "odd speakers": lambda p: os.truncate(p, 1000), "directory": lambda p: (p.unlink(), p.mkdir()),
+          "fifo": lambda p: (p.unlink(), os.mkfifo(p))}
 CASES = ([(name, how) for name in SIZES for how in ("missing", "short", "long", "directory")]
          + [("speaker_embeddings.bin", how) for how in ("missing", "empty", "odd speakers", "fifo")]
          + [("pitch_estimator.bin", "fifo")])
@@ -58,7 +32,8 @@ CASES = ([(name, how) for name in SIZES for how in ("missing", "short", "long", 
 
 @pytest.mark.parametrize("name,how", CASES)
 def test_every_bad_file_is_a_model_error_naming_it(model_copy, name, how):
-    path = _break(model_copy, name, how)
+    path = model_copy / name
+    BREAKS[how](path)
     with pytest.raises(ModelError) as caught:
         ModelSet.load(model_copy)
     error = caught.value
@@ -81,16 +56,15 @@ def test_unreadable_file(model_copy):
         ModelSet.load(model_copy)
 
 
-def test_not_a_model_directory(good_model, tmp_path):
+def test_not_a_model_directory(model_dir, tmp_path):
     with pytest.raises(ModelError, match="no such directory"):
         ModelSet.load(tmp_path / "absent")
     with pytest.raises(ModelError, match="not a directory"):
-        ModelSet.load(os.path.join(good_model, "pitch_estimator.bin"))
+        ModelSet.load(os.path.join(model_dir, "pitch_estimator.bin"))
 
 
-def test_speaker_rows_match_the_engine_reader(good_model):
-    models = ModelSet.load(good_model)
-    engine_rows = corvina.read_speaker_embeddings(os.path.join(good_model, "speaker_embeddings.bin"))
+def test_speaker_rows_match_the_engine_reader(models, model_dir):
+    engine_rows = corvina.read_speaker_embeddings(os.path.join(model_dir, "speaker_embeddings.bin"))
     assert models.speakers.shape == (3, 256) and models.speakers.dtype == np.float32
     np.testing.assert_array_equal(models.speakers, engine_rows)
 
@@ -102,20 +76,16 @@ def test_generated_tensors_follow_the_file_order(reference, tensors):
     assert [tuple(t[1]) for t in tensors()] == [tuple(shape) for _, shape in reference.TENSORS]
 
 
-def test_generated_model_is_well_conditioned(good_model):
-    """An untrained model still gives finite features and audio of sane level."""
-    models = ModelSet.load(good_model)
-    pc, tc, wc = models.phone.new_context(1), models.pitch.new_context(1), models.waveform.new_context(1)
-    rng = np.random.default_rng(0)
+def test_generated_model_is_well_conditioned(models):
+    """An untrained model still gives finite audio of sane level and pitch
+    bins inside the range."""
+    chain, rng = Chain(models), np.random.default_rng(0)
     out, bins = [], []
     for k in range(60):
         frame = (0.1 * np.sin(2 * np.pi * 150 * (np.arange(160) + 160 * k) / 16000)
                  + 0.01 * rng.standard_normal(160)).astype(np.float32)
-        features = models.phone(frame, pc)
-        b, pf = models.pitch(frame, tc)
-        out.append(models.waveform(features, b, pf, models.speakers[:1], wc))
-        bins.append(int(b[0]))
-        assert np.isfinite(features).all() and np.isfinite(pf).all()
+        out.append(chain(frame))
+        bins.append(int(chain.last[1][0]))
     out = np.concatenate(out)
     assert np.isfinite(out).all() and 1e-3 < out.std() < 10
     assert all(1 <= b <= 383 for b in bins)

@@ -15,12 +15,24 @@
 // Instantiated for N = 128, T = 5 and N = 64, T = 15, K in {3, 7, 11},
 // D in {1, 3, 5}.
 #pragma once
+#include <cstring>
+
 #include "waveform_layout.h"
 
 namespace corvina {
 
 template <int K, int D>
 constexpr int kDilatedHistory = (K - 1) * D;
+
+// After a frame: only its last min(T, H) steps survive in the ring, which
+// then starts T steps further on. Every build ends with this.
+template <int N, int T, int H>
+void RecordFrame(const float* input, DilatedCausalConvState<N, T, H>* state) {
+  const int position = state->position;
+  for (int t = T > H ? T - H : 0; t < T; ++t)
+    std::memcpy(state->history[(position + t) % H], input + t * N, sizeof(float) * N);
+  state->position = (position + T) % H;
+}
 
 namespace scalar {
 template <int N, int T, int K, int D>

@@ -31,10 +31,7 @@ void DilatedCausalConv(const DilatedConvWeights<N, K>& weights, const float* inp
       }
     }
   }
-  // Only the last min(T, H) steps of the frame survive in the ring.
-  for (int t = T > H ? T - H : 0; t < T; ++t)
-    std::memcpy(state->history[(position + t) % H], input + t * N, sizeof(float) * N);
-  state->position = (position + T) % H;
+  RecordFrame(input, state);
 }
 
 #define CORVINA_INSTANTIATE(N, T, K, D)                                                        \

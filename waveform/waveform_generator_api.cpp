@@ -6,6 +6,7 @@
 #include "../engine/aligned_block.h"
 #include "../engine/corvina.h"
 #include "../engine/kernel_set.h"
+#include "../engine/kernels.h"
 #include "waveform_kernels.h"
 #include "waveform_layout.h"
 #include "waveform_parameters.h"
@@ -14,6 +15,24 @@ using namespace corvina;
 
 static WaveformGeneratorBlock* Model(CorvinaWaveformGenerator* model) {
   return reinterpret_cast<WaveformGeneratorBlock*>(model);
+}
+
+// Copies one frame's inputs into the context's frame record and points the
+// inputs table at them, in the order GenerateWaveform reads it.
+static WaveformContext* StoreFrame(CorvinaWaveformContext1* context, const float* phone,
+                                   const int32_t* quantized_pitch, const float* pitch_features,
+                                   const float* speaker_embedding) {
+  WaveformContext* state = reinterpret_cast<WaveformContext*>(context);
+  WaveformFrameRecord& frame = state->frame;
+  std::memcpy(frame.phone, phone, sizeof frame.phone);
+  frame.quantized_pitch = *quantized_pitch;
+  std::memcpy(frame.pitch_features, pitch_features, sizeof frame.pitch_features);
+  std::memcpy(frame.speaker_embedding, speaker_embedding, sizeof frame.speaker_embedding);
+  state->inputs[kSpeakerInput] = frame.speaker_embedding;
+  state->inputs[kPitchFeaturesInput] = frame.pitch_features;
+  state->inputs[kQuantizedPitchInput] = &frame.quantized_pitch;
+  state->inputs[kPhoneInput] = frame.phone;
+  return state;
 }
 
 extern "C" {
@@ -44,16 +63,7 @@ int Corvina_ReadWaveformGeneratorParameters(CorvinaWaveformGenerator* model, con
 void Corvina_GenerateWaveform1(const CorvinaWaveformGenerator* model, const float* phone,
                                const int32_t* quantized_pitch, const float* pitch_features,
                                const float* speaker_embedding, float* output, CorvinaWaveformContext1* context) {
-  WaveformContext* state = reinterpret_cast<WaveformContext*>(context);
-  WaveformFrameRecord& frame = state->frame;
-  std::memcpy(frame.phone, phone, sizeof frame.phone);
-  frame.quantized_pitch = *quantized_pitch;
-  std::memcpy(frame.pitch_features, pitch_features, sizeof frame.pitch_features);
-  std::memcpy(frame.speaker_embedding, speaker_embedding, sizeof frame.speaker_embedding);
-  state->inputs[kSpeakerInput] = frame.speaker_embedding;
-  state->inputs[kPitchFeaturesInput] = frame.pitch_features;
-  state->inputs[kQuantizedPitchInput] = &frame.quantized_pitch;
-  state->inputs[kPhoneInput] = frame.phone;
+  WaveformContext* state = StoreFrame(context, phone, quantized_pitch, pitch_features, speaker_embedding);
   const auto& block = *reinterpret_cast<const WaveformGeneratorBlock*>(model);
   const float* samples;
   switch (ActiveKernelSet()) {
@@ -62,6 +72,38 @@ void Corvina_GenerateWaveform1(const CorvinaWaveformGenerator* model, const floa
     default: samples = avx2::GenerateWaveform(block, state->inputs, state); break;
   }
   std::memcpy(output, samples, sizeof(float) * kOutHop);
+}
+
+// Every stream's inputs are copied before any output is written, so any
+// output may overlap any input. The fast sets run up to kMaxBatch streams
+// layer by layer; the basic set, the reference build, one stream at a time.
+void Corvina_GenerateWaveformN(const CorvinaWaveformGenerator* model, int32_t n, const float* const* phone,
+                               const int32_t* const* quantized_pitch, const float* const* pitch_features,
+                               const float* const* speaker_embedding, float* const* output,
+                               CorvinaWaveformContext1* const* contexts) {
+  for (int32_t i = 0; i < n; ++i)
+    StoreFrame(contexts[i], phone[i], quantized_pitch[i], pitch_features[i], speaker_embedding[i]);
+  const auto& block = *reinterpret_cast<const WaveformGeneratorBlock*>(model);
+  const KernelSet set = ActiveKernelSet();
+  if (set == KernelSet::kBasic) {
+    for (int32_t i = 0; i < n; ++i) {
+      WaveformContext* state = reinterpret_cast<WaveformContext*>(contexts[i]);
+      std::memcpy(output[i], avx2::GenerateWaveform(block, state->inputs, state), sizeof(float) * kOutHop);
+    }
+    return;
+  }
+  for (int32_t first = 0; first < n; first += kMaxBatch) {
+    const int count = n - first < kMaxBatch ? static_cast<int>(n - first) : kMaxBatch;
+    WaveformContext* batch[kMaxBatch];
+    for (int i = 0; i < count; ++i) batch[i] = reinterpret_cast<WaveformContext*>(contexts[first + i]);
+    if (set == KernelSet::kAvx512) {
+      fast_avx512::GenerateWaveformN(block, count, batch);
+    } else {
+      fast_avx2::GenerateWaveformN(block, count, batch);
+    }
+    for (int i = 0; i < count; ++i)
+      std::memcpy(output[first + i], batch[i]->synthesis.output, sizeof(float) * kOutHop);
+  }
 }
 
 }  // extern "C"

@@ -64,6 +64,8 @@ enum WaveformInput { kSpeakerInput = 0, kPitchFeaturesInput = 1, kQuantizedPitch
   void ComplexSpectra(SynthesisState* state);                                                                 \
   /* The phase unit over the 15 sub-steps, recording each state. */                                          \
   void PhaseRecurrentUnit(const WaveformGeneratorBlock& model, const float* x, SynthesisState* state);        \
+  /* The magnitudes and phase states recorded for the frame -> 240 samples inside the state. */              \
+  const float* SpectraToSamples(const WaveformGeneratorBlock& model, SynthesisState* state);                  \
   /* 15 x 64 activated features -> 240 samples inside the state. */                                           \
   const float* SpectralSynthesis(const WaveformGeneratorBlock& model, const float* x, SynthesisState* state); \
   /* Steps before upsampling: the combined, activated 256-value frame after the post-convolution. */          \
@@ -71,6 +73,20 @@ enum WaveformInput { kSpeakerInput = 0, kPitchFeaturesInput = 1, kQuantizedPitch
   /* One whole frame; returns the 240 samples inside the context. */                                          \
   const float* GenerateWaveform(const WaveformGeneratorBlock& model, const void* const* inputs,                 \
                                 WaveformContext* context);
+
+// Batches, fast builds only: one frame of n streams (1 <= n <= kMaxBatch of
+// engine/kernels.h), each context's inputs table filled as for
+// GenerateWaveform. Runs layer by layer across the streams, so each layer's
+// weights come from memory once per batch; every stream's results are those of
+// its own GenerateWaveform, bit for bit. The samples are in each context's
+// synthesis.output.
+#define CORVINA_DECLARE_WAVEFORM_BATCH                                                                   \
+  /* FrameNetwork for every stream; each result in its context's post_conv.output. */                   \
+  void FrameNetworkN(const WaveformGeneratorBlock& model, int n, WaveformContext* const* contexts);       \
+  /* PhaseRecurrentUnit for every stream, x[s] the features of stream s. */                              \
+  void PhaseRecurrentUnitN(const WaveformGeneratorBlock& model, int n, const float* const* x,            \
+                           SynthesisState* const* states);                                               \
+  void GenerateWaveformN(const WaveformGeneratorBlock& model, int n, WaveformContext* const* contexts);
 
 namespace scalar {
 CORVINA_DECLARE_WAVEFORM_KERNELS
@@ -80,10 +96,13 @@ CORVINA_DECLARE_WAVEFORM_KERNELS
 }
 namespace fast_avx2 {  // waveform_fast_avx2.cpp
 CORVINA_DECLARE_WAVEFORM_KERNELS
+CORVINA_DECLARE_WAVEFORM_BATCH
 }
 namespace fast_avx512 {
 CORVINA_DECLARE_WAVEFORM_KERNELS
+CORVINA_DECLARE_WAVEFORM_BATCH
 }
 #undef CORVINA_DECLARE_WAVEFORM_KERNELS
+#undef CORVINA_DECLARE_WAVEFORM_BATCH
 
 }  // namespace corvina

@@ -20,11 +20,7 @@ using namespace waveform_test;
 namespace {
 
 // Finite halves of random bit patterns with magnitudes below 4, subnormals included.
-void RandomHalves(f16* out, std::size_t n, Rng& rng) {
-  std::uniform_int_distribution<int> exponent(0, 16), mantissa(0, 1023), sign(0, 1);
-  for (std::size_t i = 0; i < n; ++i)
-    out[i] = static_cast<f16>((sign(rng) << 15) | (exponent(rng) << 10) | mantissa(rng));
-}
+void RandomHalves(f16* out, std::size_t n, Rng& rng) { test_support::RandomHalves(out, n, rng, 16); }
 
 // One fast build's entry points, so each check runs over every supported build.
 struct FastBuild {
@@ -38,12 +34,13 @@ struct FastBuild {
   decltype(&scalar::StridedConvLayer) strided_conv;
   decltype(&scalar::PairConvLayer) pair_conv;
   decltype(&scalar::RecurrentLayer) recurrent;
+  decltype(&scalar::GeluInPlace) gelu;
 };
 
 #define CORVINA_FAST_BUILD(ns, kernel_set)                                                                     \
   FastBuild {                                                                                                   \
     #ns, kernel_set, ns::PanelProduct, ns::PanelAccumulate, ns::PanelProductGelu, ns::CausalConv7Layer,         \
-        ns::ResidualConvBlock, ns::StridedConvLayer, ns::PairConvLayer, ns::RecurrentLayer                       \
+        ns::ResidualConvBlock, ns::StridedConvLayer, ns::PairConvLayer, ns::RecurrentLayer, ns::GeluInPlace     \
   }
 const FastBuild kBuilds[] = {CORVINA_FAST_BUILD(fast_avx2, KernelSet::kAvx2),
                              CORVINA_FAST_BUILD(fast_avx512, KernelSet::kAvx512)};
@@ -70,6 +67,33 @@ struct Weights {
 };
 
 }  // namespace
+
+// The fast GELU takes its tanh from a vector build of the library's
+// algorithm (where the load-time check allowed it): over values of every
+// exponent, specials included, and a fine ramp over the range that matters,
+// it must equal the definition's library call bit for bit.
+TEST(gelu_matches_the_definition_over_the_whole_float_range) {
+  Rng rng(check::Seed());
+  std::vector<float> x(1 << 20);
+  std::uniform_int_distribution<std::uint32_t> any_bits;
+  for (std::size_t i = 0; i < x.size() / 2; ++i) {
+    const std::uint32_t bits = any_bits(rng);
+    std::memcpy(&x[i], &bits, sizeof bits);
+  }
+  for (std::size_t i = x.size() / 2; i < x.size(); ++i)
+    x[i] = -12.0f + 24.0f * static_cast<float>(i - x.size() / 2) / static_cast<float>(x.size() / 2);
+  std::vector<float> expected = x;
+  scalar::GeluInPlace(expected.data(), static_cast<int>(expected.size()));
+  std::printf("vector tanh %s\n", VectorTanhExact() ? "in use" : "not in use: the library differs");
+  ForEachBuild([&](const FastBuild& build) {
+    std::vector<float> got = x;
+    build.gelu(got.data(), static_cast<int>(got.size()));
+    std::size_t differ = 0;
+    for (std::size_t i = 0; i < x.size(); ++i)
+      differ += std::isnan(expected[i]) ? !std::isnan(got[i]) : !SameBits(&expected[i], &got[i], sizeof(float));
+    CHECK_MSG(differ == 0, "%s: %zu of %zu values differ", build.name, differ, x.size());
+  });
+}
 
 TEST(matrix_products_match_for_every_shape) {
   Rng rng(check::Seed());

@@ -10,57 +10,17 @@
 
 #include "alloc_counter.h"
 #include "check.h"
-#include "engine/aligned_block.h"
 #include "engine/corvina.h"
 #include "phone/phone_kernels.h"
+#include "test_support.h"
 
-using namespace corvina;
+using namespace test_support;
 
 namespace {
 
-using Rng = std::mt19937;
-
-// Round-toward-zero float -> half for values inside the half range.
-f16 ToHalf(float value) {
-  std::uint32_t bits;
-  std::memcpy(&bits, &value, sizeof bits);
-  const std::uint32_t sign = (bits >> 16) & 0x8000u;
-  const int exponent = static_cast<int>((bits >> 23) & 0xFF) - 127 + 15;
-  if (exponent <= 0) return static_cast<f16>(sign);
-  return static_cast<f16>(sign | (exponent << 10) | ((bits >> 13) & 0x3FFu));
-}
-
 template <std::size_t N>
 void Fill(f16 (&out)[N], float scale, Rng& rng, float offset = 0.0f) {
-  std::uniform_real_distribution<float> u(-scale, scale);
-  for (f16& h : out) h = ToHalf(offset + u(rng));
-}
-
-std::vector<float> RandomFloats(std::size_t n, float scale, Rng& rng) {
-  std::uniform_real_distribution<float> u(-scale, scale);
-  std::vector<float> v(n);
-  for (float& x : v) x = u(rng);
-  return v;
-}
-
-bool SameBits(const float* a, const float* b, std::size_t n) { return std::memcmp(a, b, n * sizeof(float)) == 0; }
-
-template <typename T>
-struct BlockDeleter {
-  void operator()(T* p) const { DeleteBlock(p); }
-};
-template <typename T>
-using Block = std::unique_ptr<T, BlockDeleter<T>>;
-template <typename T>
-Block<T> NewBlock() {
-  return Block<T>(NewZeroedBlock<T>());
-}
-
-// Uniform weights of standard deviation gain / sqrt(fan_in), which keeps the
-// activations of order one: the gates neither saturate nor die out.
-template <std::size_t N>
-void FillMatrix(f16 (&out)[N], int fan_in, float gain, Rng& rng) {
-  Fill(out, gain * std::sqrt(3.0f / fan_in), rng);
+  FillHalves(out, N, scale, rng, offset);
 }
 
 void FillDense(Dense256Weights& d, float gain, Rng& rng) {
@@ -126,8 +86,8 @@ TEST(front_end_layers_match_scalar_and_carry_their_history) {
     const std::vector<float> x = RandomFloats(kPhoneHop, 0.5f, rng);
     scalar::InputConvLayer(model->conv1, x.data(), a->kept_samples, &a->conv1_output[0][0]);
     avx2::InputConvLayer(model->conv1, x.data(), b->kept_samples, &b->conv1_output[0][0]);
-    CHECK_MSG(SameBits(&a->conv1_output[0][0], &b->conv1_output[0][0], 32 * 32), "frame %d", frame);
-    CHECK(SameBits(b->kept_samples, x.data() + 155, 5) && SameBits(a->kept_samples, b->kept_samples, 5));
+    CHECK_MSG(SameFloats(&a->conv1_output[0][0], &b->conv1_output[0][0], 32 * 32), "frame %d", frame);
+    CHECK(SameFloats(b->kept_samples, x.data() + 155, 5) && SameFloats(a->kept_samples, b->kept_samples, 5));
   }
   // Every strided shape, from a random input and a random carried position.
   struct Shape {
@@ -144,15 +104,15 @@ TEST(front_end_layers_match_scalar_and_carry_their_history) {
                              s.out_positions);
     avx2::StridedConvLayer(s.weight, input.data(), previous_b.data(), out_b.data(), s.inputs, s.outputs,
                            s.out_positions);
-    CHECK_MSG(SameBits(out_a.data(), out_b.data(), out_a.size()), "%d -> %d", s.inputs, s.outputs);
+    CHECK_MSG(SameFloats(out_a.data(), out_b.data(), out_a.size()), "%d -> %d", s.inputs, s.outputs);
     const float* last_input = input.data() + input.size() - s.inputs;
-    CHECK(SameBits(previous_a.data(), last_input, s.inputs) && SameBits(previous_b.data(), last_input, s.inputs));
+    CHECK(SameFloats(previous_a.data(), last_input, s.inputs) && SameFloats(previous_b.data(), last_input, s.inputs));
   }
   const std::vector<float> input = RandomFloats(2 * 256, 1.0f, rng);
   std::vector<float> out_a(256), out_b(256);
   scalar::PairConvLayer(model->conv6, input.data(), out_a.data());
   avx2::PairConvLayer(model->conv6, input.data(), out_b.data());
-  CHECK(SameBits(out_a.data(), out_b.data(), 256));
+  CHECK(SameFloats(out_a.data(), out_b.data(), 256));
 }
 
 TEST(recurrent_gates_match_scalar_up_to_and_beyond_the_clamp) {
@@ -170,8 +130,8 @@ TEST(recurrent_gates_match_scalar_up_to_and_beyond_the_clamp) {
   std::memcpy(b.get(), a.get(), sizeof *a);
   scalar::RecurrentGates(a.get());
   avx2::RecurrentGates(b.get());
-  CHECK(SameBits(a->state, b->state, 256) && SameBits(a->output, b->output, 256));
-  CHECK(SameBits(a->state, a->output, 256));
+  CHECK(SameFloats(a->state, b->state, 256) && SameFloats(a->output, b->output, 256));
+  CHECK(SameFloats(a->state, a->output, 256));
   bool bounded = true;
   for (float h : b->state) bounded &= std::fabs(h) <= 1.001f;
   CHECK(bounded);
@@ -185,8 +145,8 @@ TEST(recurrent_layer_matches_scalar_over_frames) {
     const std::vector<float> v = RandomFloats(256, 2.0f, rng);
     scalar::RecurrentLayer(model->recurrent[1], v.data(), a.get());
     avx2::RecurrentLayer(model->recurrent[1], v.data(), b.get());
-    CHECK_MSG(SameBits(a->input_gates, b->input_gates, 768) && SameBits(a->state_gates, b->state_gates, 768) &&
-                  SameBits(a->state, b->state, 256) && SameBits(a->output, b->output, 256),
+    CHECK_MSG(SameFloats(a->input_gates, b->input_gates, 768) && SameFloats(a->state_gates, b->state_gates, 768) &&
+                  SameFloats(a->state, b->state, 256) && SameFloats(a->output, b->output, 256),
               "frame %d", frame);
   }
 }
@@ -202,7 +162,7 @@ TEST(network_matches_scalar_definition_bit_for_bit) {
     const std::vector<float> x = SpeechLikeFrame(frame, rng);
     const float* ya = scalar::ExtractPhone(*model, x.data(), a.get());
     const float* yb = avx2::ExtractPhone(*model, x.data(), b.get());
-    if (!SameBits(ya, yb, 256)) first_mismatch = frame;
+    if (!SameFloats(ya, yb, 256)) first_mismatch = frame;
     for (int c = 0; c < 256; ++c) energy += static_cast<double>(yb[c]) * yb[c];
   }
   CHECK_MSG(first_mismatch < 0, "first mismatch at frame %d", first_mismatch);
@@ -224,27 +184,27 @@ TEST(each_frame_advances_every_history_by_one) {
   }
   const PhoneContext& c = *context;
   const PhoneFrontEnd& f = c.front;
-  CHECK(SameBits(f.kept_samples, x.data() + 155, 5));
+  CHECK(SameFloats(f.kept_samples, x.data() + 155, 5));
   // Each strided convolution keeps its input's last position, after the GELU.
-  CHECK(SameBits(f.conv2.previous_input, f.conv1_output[31], 32));
-  CHECK(SameBits(f.conv3.previous_input, f.conv2.output[15], 64));
-  CHECK(SameBits(f.conv4.previous_input, f.conv3.output[7], 128));
-  CHECK(SameBits(f.conv5.previous_input, f.conv4.output[3], 256));
+  CHECK(SameFloats(f.conv2.previous_input, f.conv1_output[31], 32));
+  CHECK(SameFloats(f.conv3.previous_input, f.conv2.output[15], 64));
+  CHECK(SameFloats(f.conv4.previous_input, f.conv3.output[7], 128));
+  CHECK(SameFloats(f.conv5.previous_input, f.conv4.output[3], 256));
   CHECK(f.conv1_position == 0 && f.conv2.position == 0 && f.conv3.position == 0 && f.conv4.position == 0 &&
         f.conv5.position == 0);
   for (int l = 0; l < kPhoneRecurrentLayers; ++l) {
-    CHECK_MSG(SameBits(c.recurrent[l].state, c.recurrent[l].output, 256), "layer %d", l);
+    CHECK_MSG(SameFloats(c.recurrent[l].state, c.recurrent[l].output, 256), "layer %d", l);
     bool clean = true;
     for (int i = 0; i < 64; ++i) clean &= c.recurrent[l].header[i] == 0 && c.recurrent[l].trailer[i] == 0;
     CHECK_MSG(clean, "layer %d", l);
   }
   // The causal convolution's newest frame is u after the recurrent residual.
   CHECK(c.causal_conv.position == kFrames % 6);
-  CHECK(SameBits(c.causal_conv.history[(kFrames - 1) % 6], c.input_dense.output, 256));
+  CHECK(SameFloats(c.causal_conv.history[(kFrames - 1) % 6], c.input_dense.output, 256));
   for (int b = 0; b < kPhoneResidualBlocks; ++b) {
     CHECK_MSG(c.blocks[b].position == kFrames % 16, "block %d", b);
     const float* input = b == 0 ? c.causal_conv.output : c.blocks[b - 1].output;
-    CHECK_MSG(SameBits(c.blocks[b].history[(kFrames - 1) % 16], input, 256), "block %d", b);
+    CHECK_MSG(SameFloats(c.blocks[b].history[(kFrames - 1) % 16], input, 256), "block %d", b);
   }
 }
 
@@ -275,7 +235,7 @@ TEST(exported_call_copies_exactly_the_features_and_allocates_nothing) {
     Corvina_ExtractPhone1(engine_model, frames[frame].data(), output.data(), context);
     avx2::ExtractPhone(*model, frames[frame].data(), twin.get());
   }
-  CHECK(SameBits(output.data(), twin->output_dense.output, 256));
+  CHECK(SameFloats(output.data(), twin->output_dense.output, 256));
   CHECK(output[256] == -7.0f && output[259] == -7.0f);
   const auto before = alloc_counter::Count();
   for (int frame = 4; frame < 40; ++frame)

@@ -1,52 +1,36 @@
 // The 33-tap depthwise convolution: vector and scalar builds agree bit for
-// bit, frame after frame, through two full turns of the ring. (Which frame
-// each tap meets is checked end to end against the float64 reference.)
-#include <cstring>
-#include <memory>
-#include <random>
+// bit, frame after frame, through two full turns of the ring, on weights of
+// every magnitude from 2^-14 to 2^15. (Which frame each tap meets is checked
+// end to end against the float64 reference.)
+#include <iterator>
 
-#include "engine/aligned_block.h"
 #include "pitch/depthwise_conv33.h"
+#include "test_support.h"
 #include "tests/native/check.h"
 
 namespace {
 
-using namespace corvina;
-
-// Finite halves of either sign over a wide range of magnitudes (2^-14 .. 2^15).
-f16 RandomHalf(std::mt19937& rng) {
-  const unsigned exponent = 1 + rng() % 30, mantissa = rng() % 1024, sign = rng() % 2;
-  return static_cast<f16>(sign << 15 | exponent << 10 | mantissa);
-}
-
-struct Freer {
-  template <typename T>
-  void operator()(T* p) const { DeleteBlock(p); }
-};
+using namespace test_support;
 
 TEST(vector_matches_scalar_bit_for_bit) {
-  std::mt19937 rng(check::Seed());
-  std::unique_ptr<PitchEstimatorBlock, Freer> model(NewZeroedBlock<PitchEstimatorBlock>());
+  Rng rng(check::Seed());
+  auto model = NewBlock<PitchEstimatorBlock>();
   PitchBlockWeights& weights = model->blocks[0];
-  for (f16& w : weights.depthwise) w = RandomHalf(rng);
-  for (f16& w : weights.depthwise_bias) w = RandomHalf(rng);
-
-  std::unique_ptr<PitchContext, Freer> vector_context(NewZeroedBlock<PitchContext>());
-  std::unique_ptr<PitchContext, Freer> scalar_context(NewZeroedBlock<PitchContext>());
+  RandomHalves(weights.depthwise, std::size(weights.depthwise), rng, 30);
+  RandomHalves(weights.depthwise_bias, std::size(weights.depthwise_bias), rng, 30);
+  auto vector_context = NewBlock<PitchContext>(), scalar_context = NewBlock<PitchContext>();
   PitchBlockState* vector_state = &vector_context->block_states[0];
   PitchBlockState* scalar_state = &scalar_context->block_states[0];
-  std::normal_distribution<float> normal(0.0f, 3.0f);
   int mismatched_frames = 0;
   for (int frame = 0; frame < 70; ++frame) {
-    alignas(64) float x[kPitchWidth];
-    for (float& v : x) v = normal(rng);
-    alignas(64) float vector_out[kPitchWidth], scalar_out[kPitchWidth];
+    alignas(64) float x[kPitchWidth], vector_out[kPitchWidth], scalar_out[kPitchWidth];
+    FillFloats(x, kPitchWidth, 6.0f, rng);
     avx2::DepthwiseConv33(weights, x, vector_state, vector_out);
     scalar::DepthwiseConv33(weights, x, scalar_state, scalar_out);
-    if (std::memcmp(vector_out, scalar_out, sizeof vector_out) != 0) ++mismatched_frames;
+    mismatched_frames += !SameFloats(vector_out, scalar_out, kPitchWidth);
   }
   CHECK_MSG(mismatched_frames == 0, "%d frames differ", mismatched_frames);
-  CHECK(std::memcmp(vector_state, scalar_state, sizeof *vector_state) == 0);
+  CHECK(SameBits(vector_state, scalar_state, sizeof *vector_state));
   CHECK(vector_state->index == 70 % 32);
 }
 

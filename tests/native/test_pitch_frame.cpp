@@ -7,6 +7,7 @@
 
 #include "engine/corvina.h"
 #include "pitch/pitch_layout.h"
+#include "test_support.h"
 #include "tests/native/alloc_counter.h"
 #include "tests/native/check.h"
 
@@ -21,19 +22,12 @@ void FillRandomWeights(CorvinaPitchEstimator* model, unsigned seed) {
     halves[i] = static_cast<std::uint16_t>((rng() % 2) << 15 | (7 + rng() % 6) << 10 | rng() % 1024);
 }
 
-std::vector<float> Noise(int n, std::mt19937& rng) {
-  std::normal_distribution<float> normal(0.0f, 0.1f);
-  std::vector<float> x(n);
-  for (float& v : x) v = normal(rng);
-  return x;
-}
-
 TEST(steady_state_frames_read_the_model_and_allocate_only_fft_buffers) {
   CorvinaPitchEstimator* model = Corvina_CreatePitchEstimator();
   FillRandomWeights(model, check::Seed());
   CorvinaPitchContext1* context = Corvina_CreatePitchContext1();
-  std::mt19937 rng(check::Seed() + 1);
-  const std::vector<float> signal = Noise(200 * CORVINA_IN_HOP_LENGTH, rng);
+  test_support::Rng rng(check::Seed() + 1);
+  const std::vector<float> signal = test_support::RandomFloats(200 * CORVINA_IN_HOP_LENGTH, 0.17f, rng);
   std::vector<std::uint8_t> model_before(reinterpret_cast<std::uint8_t*>(model),
                                          reinterpret_cast<std::uint8_t*>(model) + sizeof(corvina::PitchEstimatorBlock));
 

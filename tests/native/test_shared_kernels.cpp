@@ -10,57 +10,15 @@
 
 #include "check.h"
 #include "engine/activations_scalar.h"
-#include "engine/aligned_block.h"
 #include "engine/kernels.h"
+#include "test_support.h"
 
-using namespace corvina;
+using namespace test_support;
 
 namespace {
 
-using Rng = std::mt19937;
-
-// Round-toward-zero float -> half for values inside the half range; tiny
-// values become signed zero. Enough for random test weights.
-f16 ToHalf(float value) {
-  std::uint32_t bits;
-  std::memcpy(&bits, &value, sizeof bits);
-  const std::uint32_t sign = (bits >> 16) & 0x8000u;
-  const int exponent = static_cast<int>((bits >> 23) & 0xFF) - 127 + 15;
-  if (exponent <= 0) return static_cast<f16>(sign);
-  return static_cast<f16>(sign | (exponent << 10) | ((bits >> 13) & 0x3FFu));
-}
-
 // Finite halves of random bit patterns with magnitudes below 16, subnormals included.
-void RandomHalves(f16* out, std::size_t n, Rng& rng) {
-  std::uniform_int_distribution<int> exponent(0, 18), mantissa(0, 1023), sign(0, 1);
-  for (std::size_t i = 0; i < n; ++i)
-    out[i] = static_cast<f16>((sign(rng) << 15) | (exponent(rng) << 10) | mantissa(rng));
-}
-
-void ScaledHalves(f16* out, std::size_t n, float scale, Rng& rng) {
-  std::uniform_real_distribution<float> u(-scale, scale);
-  for (std::size_t i = 0; i < n; ++i) out[i] = ToHalf(u(rng));
-}
-
-std::vector<float> RandomFloats(std::size_t n, float scale, Rng& rng) {
-  std::uniform_real_distribution<float> u(-scale, scale);
-  std::vector<float> v(n);
-  for (float& x : v) x = u(rng);
-  return v;
-}
-
-bool SameBits(const float* a, const float* b, std::size_t n) { return std::memcmp(a, b, n * sizeof(float)) == 0; }
-
-template <typename T>
-struct BlockDeleter {
-  void operator()(T* p) const { DeleteBlock(p); }
-};
-template <typename T>
-using Block = std::unique_ptr<T, BlockDeleter<T>>;
-template <typename T>
-Block<T> NewBlock() {
-  return Block<T>(NewZeroedBlock<T>());
-}
+void RandomHalves(f16* out, std::size_t n, Rng& rng) { test_support::RandomHalves(out, n, rng, 18); }
 
 // Values across the activations' interesting range, the ±88 clamp included.
 std::vector<float> ActivationInputs(Rng& rng) {
@@ -88,7 +46,7 @@ TEST(panel_product_matches_scalar_for_every_shape) {
     std::vector<float> expected(outputs), got(outputs);
     scalar::PanelProduct(weight, bias.data(), x.data(), expected.data(), outputs, inputs);
     avx2::PanelProduct(weight, bias.data(), x.data(), got.data(), outputs, inputs);
-    CHECK_MSG(SameBits(expected.data(), got.data(), outputs), "%d x %d", outputs, inputs);
+    CHECK_MSG(SameFloats(expected.data(), got.data(), outputs), "%d x %d", outputs, inputs);
   }
 }
 
@@ -102,7 +60,7 @@ TEST(elementwise_kernels_match_scalar) {
     std::vector<float> expected = inputs, got = inputs;
     kernel.first(expected.data(), n);
     kernel.second(got.data(), n);
-    CHECK(SameBits(expected.data(), got.data(), n));
+    CHECK(SameFloats(expected.data(), got.data(), n));
   }
   std::vector<f16> scale(256), shift(256);
   RandomHalves(scale.data(), 256, rng);
@@ -110,7 +68,7 @@ TEST(elementwise_kernels_match_scalar) {
   std::vector<float> expected = RandomFloats(256, 3.0f, rng), got = expected;
   scalar::NormalizeScaleShift(expected.data(), scale.data(), shift.data(), 256);
   avx2::NormalizeScaleShift(got.data(), scale.data(), shift.data(), 256);
-  CHECK(SameBits(expected.data(), got.data(), 256));
+  CHECK(SameFloats(expected.data(), got.data(), 256));
 }
 
 TEST(normalize_gives_zero_mean_unit_variance_and_zero_for_silence) {
@@ -131,10 +89,10 @@ TEST(dense_and_causal_conv_match_scalar_and_advance_their_ring) {
   Rng rng(check::Seed());
   auto dense = NewBlock<Dense256Weights>();
   auto conv = NewBlock<CausalConv7Weights>();
-  ScaledHalves(dense->weight, std::size(dense->weight), 0.1f, rng);
-  ScaledHalves(dense->bias, std::size(dense->bias), 0.1f, rng);
-  ScaledHalves(conv->weight, std::size(conv->weight), 0.05f, rng);
-  ScaledHalves(conv->bias, std::size(conv->bias), 0.1f, rng);
+  FillHalves(dense->weight, std::size(dense->weight), 0.1f, rng);
+  FillHalves(dense->bias, std::size(dense->bias), 0.1f, rng);
+  FillHalves(conv->weight, std::size(conv->weight), 0.05f, rng);
+  FillHalves(conv->bias, std::size(conv->bias), 0.1f, rng);
   auto dense_scalar = NewBlock<DenseSlot>(), dense_vector = NewBlock<DenseSlot>();
   auto slot_scalar = NewBlock<CausalConv7Slot>(), slot_vector = NewBlock<CausalConv7Slot>();
   std::vector<std::vector<float>> frames;
@@ -142,18 +100,18 @@ TEST(dense_and_causal_conv_match_scalar_and_advance_their_ring) {
     frames.push_back(RandomFloats(256, 1.0f, rng));
     const float* a = scalar::DenseLayer(*dense, frames.back().data(), dense_scalar.get());
     const float* b = avx2::DenseLayer(*dense, frames.back().data(), dense_vector.get());
-    CHECK_MSG(a == dense_scalar->output && b == dense_vector->output && SameBits(a, b, 256), "dense, frame %d", f);
+    CHECK_MSG(a == dense_scalar->output && b == dense_vector->output && SameFloats(a, b, 256), "dense, frame %d", f);
     a = scalar::CausalConv7Layer(*conv, frames.back().data(), slot_scalar.get());
     b = avx2::CausalConv7Layer(*conv, frames.back().data(), slot_vector.get());
-    CHECK_MSG(a == slot_scalar->output && b == slot_vector->output && SameBits(a, b, 256), "conv, frame %d", f);
+    CHECK_MSG(a == slot_scalar->output && b == slot_vector->output && SameFloats(a, b, 256), "conv, frame %d", f);
     CHECK_MSG(slot_vector->position == (f + 1) % 6 && slot_scalar->position == slot_vector->position, "frame %d",
               f);
     if (f == 6) {  // seven calls: position back at 1, the ring holds frames 1..6 oldest first
       for (int t = 0; t < 6; ++t)
-        CHECK_MSG(SameBits(slot_vector->history[(1 + t) % 6], frames[1 + t].data(), 256), "tap %d", t);
+        CHECK_MSG(SameFloats(slot_vector->history[(1 + t) % 6], frames[1 + t].data(), 256), "tap %d", t);
     }
   }
-  CHECK(SameBits(&slot_scalar->history[0][0], &slot_vector->history[0][0], 6 * 256));
+  CHECK(SameFloats(&slot_scalar->history[0][0], &slot_vector->history[0][0], 6 * 256));
 }
 
 TEST(causal_conv_taps_meet_the_oldest_frame_first) {
@@ -165,7 +123,7 @@ TEST(causal_conv_taps_meet_the_oldest_frame_first) {
     for (int o = 0; o < kChannels; ++o)
       conv->weight[t * kChannels * kChannels + (o / kPanel) * kChannels * kPanel + o * kPanel + o % kPanel] =
           ToHalf(static_cast<float>(t + 1));
-  ScaledHalves(conv->bias, std::size(conv->bias), 1.0f, rng);
+  FillHalves(conv->bias, std::size(conv->bias), 1.0f, rng);
   auto slot = NewBlock<CausalConv7Slot>();
   const std::vector<float> impulse = RandomFloats(256, 1.0f, rng), zero(256, 0.0f);
   for (int lag = 0; lag < 9; ++lag) {
@@ -180,12 +138,12 @@ TEST(causal_conv_taps_meet_the_oldest_frame_first) {
 namespace {
 
 void RandomResidualBlock(ResidualConvBlockWeights* w, Rng& rng) {
-  ScaledHalves(w->depthwise, std::size(w->depthwise), 0.3f, rng);
-  ScaledHalves(w->depthwise_bias, std::size(w->depthwise_bias), 0.1f, rng);
-  ScaledHalves(w->expand, std::size(w->expand), 0.1f, rng);
-  ScaledHalves(w->expand_bias, std::size(w->expand_bias), 0.1f, rng);
-  ScaledHalves(w->project, std::size(w->project), 0.05f, rng);
-  ScaledHalves(w->project_bias, std::size(w->project_bias), 0.1f, rng);
+  FillHalves(w->depthwise, std::size(w->depthwise), 0.3f, rng);
+  FillHalves(w->depthwise_bias, std::size(w->depthwise_bias), 0.1f, rng);
+  FillHalves(w->expand, std::size(w->expand), 0.1f, rng);
+  FillHalves(w->expand_bias, std::size(w->expand_bias), 0.1f, rng);
+  FillHalves(w->project, std::size(w->project), 0.05f, rng);
+  FillHalves(w->project_bias, std::size(w->project_bias), 0.1f, rng);
 }
 
 }  // namespace
@@ -199,12 +157,12 @@ TEST(residual_block_matches_scalar_over_a_ring_turn) {
     const std::vector<float> x = RandomFloats(256, 2.0f, rng);
     scalar::ResidualConvBlock(*weights, x.data(), slot_scalar.get());
     avx2::ResidualConvBlock(*weights, x.data(), slot_vector.get());
-    CHECK_MSG(SameBits(slot_scalar->output, slot_vector->output, 256) &&
-                  SameBits(slot_scalar->hidden, slot_vector->hidden, 768),
+    CHECK_MSG(SameFloats(slot_scalar->output, slot_vector->output, 256) &&
+                  SameFloats(slot_scalar->hidden, slot_vector->hidden, 768),
               "frame %d", f);
     CHECK_MSG(slot_vector->position == (f + 1) % 16 && slot_scalar->position == slot_vector->position, "frame %d", f);
   }
-  CHECK(SameBits(&slot_scalar->history[0][0], &slot_vector->history[0][0], 16 * 256));
+  CHECK(SameFloats(&slot_scalar->history[0][0], &slot_vector->history[0][0], 16 * 256));
 }
 
 TEST(residual_block_depthwise_taps_meet_the_oldest_frame_first) {

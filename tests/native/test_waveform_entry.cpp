@@ -1,7 +1,7 @@
-// The exported frame function: its inputs reach the network through the
-// frame record, it writes exactly 240 samples, the caller's arrays may
-// overlap, and a steady-state frame allocates nothing of its own (only the
-// FFT library's working buffers).
+// The exported frame function writes exactly 240 samples, the caller's
+// arrays may overlap, and a steady-state frame allocates nothing of its own
+// (only the FFT library's working buffers). What it computes is compared with
+// the scalar definition on every kernel set in test_golden_chain.
 #include <cstdio>
 #include <cstdlib>  // the C library's declarations before the counting ones
 #include <cstring>
@@ -23,25 +23,22 @@ const CorvinaWaveformGenerator* Api(const WaveformGeneratorBlock* model) {
 }
 CorvinaWaveformContext1* Api(WaveformContext* context) { return reinterpret_cast<CorvinaWaveformContext1*>(context); }
 
-TEST(entry_point_matches_the_network_and_writes_240_samples) {
+TEST(entry_point_writes_240_samples_and_takes_overlapping_arrays) {
   Rng rng(check::Seed());
   auto model = RandomModel(check::Seed());
-  auto direct = NewBlock<WaveformContext>(), through_api = NewBlock<WaveformContext>();
-  auto overlapping = NewBlock<WaveformContext>();
+  auto separate = NewBlock<WaveformContext>(), overlapping = NewBlock<WaveformContext>();
   FrameInputs inputs;
   for (int frame = 0; frame < 4; ++frame) {
     inputs.Randomize(rng);
     std::vector<float> output(kOutHop + 16, -7.0f);
     Corvina_GenerateWaveform1(Api(model.get()), inputs.phone, &inputs.pitch_bin, inputs.pitch_features,
-                              inputs.speaker, output.data(), Api(through_api.get()));
-    const float* expected = avx2::GenerateWaveform(*model, inputs.table, direct.get());
-    CHECK_MSG(SameBits(output.data(), expected, kOutHop * sizeof(float)), "frame %d", frame);
+                              inputs.speaker, output.data(), Api(separate.get()));
     for (int t = kOutHop; t < kOutHop + 16; ++t) CHECK(output[t] == -7.0f);
     // Output written over the phone input: the inputs were copied first.
     std::vector<float> shared(inputs.phone, inputs.phone + kChannels);
     Corvina_GenerateWaveform1(Api(model.get()), shared.data(), &inputs.pitch_bin, inputs.pitch_features,
                               inputs.speaker, shared.data(), Api(overlapping.get()));
-    CHECK_MSG(SameBits(shared.data(), expected, kOutHop * sizeof(float)), "frame %d, overlapping arrays", frame);
+    CHECK_MSG(SameBits(shared.data(), output.data(), kOutHop * sizeof(float)), "frame %d, overlapping arrays", frame);
   }
 }
 

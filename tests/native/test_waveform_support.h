@@ -9,61 +9,14 @@
 #include <random>
 #include <vector>
 
-#include "engine/aligned_block.h"
-#include "engine/half.h"
+#include "test_support.h"
 #include "waveform/waveform_layout.h"
 #include "waveform/waveform_parameters.h"
 
 namespace waveform_test {
 
 using namespace corvina;
-using Rng = std::mt19937;
-
-// Round-toward-zero float -> half inside the half range; tiny values become
-// signed zero. Enough for random test weights.
-inline f16 ToHalf(float value) {
-  std::uint32_t bits;
-  std::memcpy(&bits, &value, sizeof bits);
-  const std::uint32_t sign = (bits >> 16) & 0x8000u;
-  const int exponent = static_cast<int>((bits >> 23) & 0xFF) - 127 + 15;
-  if (exponent <= 0) return static_cast<f16>(sign);
-  return static_cast<f16>(sign | (exponent << 10) | ((bits >> 13) & 0x3FFu));
-}
-
-inline void FillHalves(f16* out, std::size_t n, float scale, Rng& rng) {
-  std::uniform_real_distribution<float> u(-scale, scale);
-  for (std::size_t i = 0; i < n; ++i) out[i] = ToHalf(u(rng));
-}
-
-inline void FillFloats(float* out, std::size_t n, float scale, Rng& rng) {
-  std::uniform_real_distribution<float> u(-scale, scale);
-  for (std::size_t i = 0; i < n; ++i) out[i] = u(rng);
-}
-
-inline std::vector<float> RandomFloats(std::size_t n, float scale, Rng& rng) {
-  std::vector<float> v(n);
-  FillFloats(v.data(), n, scale, rng);
-  return v;
-}
-
-inline bool SameBits(const void* a, const void* b, std::size_t bytes) { return std::memcmp(a, b, bytes) == 0; }
-
-template <typename T>
-struct BlockDeleter {
-  void operator()(T* p) const { DeleteBlock(p); }
-};
-template <typename T>
-using Block = std::unique_ptr<T, BlockDeleter<T>>;
-template <typename T>
-Block<T> NewBlock() {
-  return Block<T>(NewZeroedBlock<T>());
-}
-
-// Uniform weights of standard deviation gain / sqrt(fan_in).
-template <std::size_t Size>
-void FillMatrix(f16 (&weights)[Size], int fan_in, float gain, Rng& rng) {
-  FillHalves(weights, Size, gain * std::sqrt(3.0f / static_cast<float>(fan_in)), rng);
-}
+using namespace test_support;
 
 template <int N, int K>
 void RandomizeStackBlock(ResidualBlockWeights<N, K>* block, float gain, Rng& rng) {

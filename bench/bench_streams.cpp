@@ -1,0 +1,317 @@
+// Many streams in real time. Each of T threads owns its share of S streams and,
+// at every tick of an absolute 10 ms clock, processes one frame of all of them
+// through the whole chain: batched (one Corvina_ExtractPhoneN,
+// Corvina_EstimatePitchN and Corvina_GenerateWaveformN call over the thread's
+// streams) or, with --mode single, one ...1 call per stream and model. A frame
+// misses its deadline when it ends after its tick + 10 ms; a thread that falls
+// behind starts the next tick at once, so an overload shows as a run of misses.
+// Per run: the time a thread spends per tick (median, p99, worst), that time
+// per stream, how late threads woke up, the misses, and the load average.
+// --sweep finds, for both modes, the most streams (2, 4, ..., 40) that ran a
+// few seconds without a miss, going up until a thread's median tick takes
+// longer than 10 ms.
+//   cmake --build build/py --target bench_streams &&
+//   build/py/bench/bench_streams [--streams S] [--threads T] [--seconds N] [--mode batch|single|both]
+//                                [--sweep] [--json PATH] [phone.bin pitch.bin generator.bin]
+// Without files the weights are small random halves.
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "bench/bench_common.h"
+#include "engine/corvina.h"
+
+using namespace corvina::bench;
+
+namespace {
+
+constexpr auto kTick = std::chrono::milliseconds(10);
+constexpr double kTickUs = 10000.0;
+constexpr int kWarmUpTicks = 50;
+constexpr int kSweepMax = 40;
+constexpr double kSweepSeconds = 3.0;
+
+enum class Mode { kBatch, kSingle };
+const char* ModeName(Mode mode) { return mode == Mode::kBatch ? "batch" : "single"; }
+
+struct Options {
+  int streams = 20;
+  int threads = 2;
+  double seconds = 0.0;  // 0: 20 for one run, 3 per sweep step
+  bool batch = true, single = false;
+  bool sweep = false;
+  const char* json = nullptr;
+  const char* files[3] = {nullptr, nullptr, nullptr};  // phone, pitch, generator
+};
+
+// One thread's streams: their contexts, the buffers between the models and
+// the pointer arrays the ...N calls take, all made before the clock starts.
+class Group {
+ public:
+  Group(const Models& models, const std::vector<float>& signal, const float* speaker, int first, int count)
+      : models_(models),
+        signal_(signal.data()),
+        signal_frames_(static_cast<int>(signal.size() / CORVINA_IN_HOP_LENGTH)),
+        count_(count),
+        features_(static_cast<std::size_t>(count) * CORVINA_PHONE_CHANNELS),
+        pitch_features_(static_cast<std::size_t>(count) * CORVINA_PITCH_FEATURES),
+        output_(static_cast<std::size_t>(count) * CORVINA_OUT_HOP_LENGTH),
+        bins_(count),
+        inputs_(count),
+        speakers_(count, speaker) {
+    for (int i = 0; i < count; ++i) {
+      offsets_.push_back((first + i) * 37 % signal_frames_);  // the streams say different things
+      phone_.push_back(Corvina_CreatePhoneContext1());
+      pitch_.push_back(Corvina_CreatePitchContext1());
+      waveform_.push_back(Corvina_CreateWaveformContext1());
+      features_out_.push_back(features_.data() + i * CORVINA_PHONE_CHANNELS);
+      pitch_features_out_.push_back(pitch_features_.data() + i * CORVINA_PITCH_FEATURES);
+      output_out_.push_back(output_.data() + i * CORVINA_OUT_HOP_LENGTH);
+      bins_out_.push_back(bins_.data() + i);
+    }
+    features_in_.assign(features_out_.begin(), features_out_.end());
+    pitch_features_in_.assign(pitch_features_out_.begin(), pitch_features_out_.end());
+    bins_in_.assign(bins_out_.begin(), bins_out_.end());
+  }
+  Group(const Group&) = delete;
+  Group& operator=(const Group&) = delete;
+  ~Group() {
+    for (int i = 0; i < count_; ++i) {
+      Corvina_DestroyWaveformContext1(waveform_[i]);
+      Corvina_DestroyPitchContext1(pitch_[i]);
+      Corvina_DestroyPhoneContext1(phone_[i]);
+    }
+  }
+
+  int count() const { return count_; }
+
+  // Frame `tick` of every stream through the whole chain.
+  void Frame(Mode mode, int tick) {
+    for (int i = 0; i < count_; ++i)
+      inputs_[i] = signal_ + static_cast<std::size_t>((offsets_[i] + tick) % signal_frames_) * CORVINA_IN_HOP_LENGTH;
+    if (mode == Mode::kBatch) {
+      Corvina_ExtractPhoneN(models_.phone, count_, inputs_.data(), features_out_.data(), phone_.data());
+      Corvina_EstimatePitchN(models_.pitch, count_, inputs_.data(), bins_out_.data(), pitch_features_out_.data(),
+                             pitch_.data());
+      Corvina_GenerateWaveformN(models_.waveform, count_, features_in_.data(), bins_in_.data(),
+                                pitch_features_in_.data(), speakers_.data(), output_out_.data(), waveform_.data());
+      return;
+    }
+    for (int i = 0; i < count_; ++i) {
+      Corvina_ExtractPhone1(models_.phone, inputs_[i], features_out_[i], phone_[i]);
+      Corvina_EstimatePitch1(models_.pitch, inputs_[i], bins_out_[i], pitch_features_out_[i], pitch_[i]);
+      Corvina_GenerateWaveform1(models_.waveform, features_in_[i], bins_in_[i], pitch_features_in_[i], speakers_[i],
+                                output_out_[i], waveform_[i]);
+    }
+  }
+
+ private:
+  const Models& models_;
+  const float* signal_;
+  int signal_frames_;
+  int count_;
+  std::vector<float> features_, pitch_features_, output_;
+  std::vector<std::int32_t> bins_;
+  std::vector<int> offsets_;
+  std::vector<CorvinaPhoneContext1*> phone_;
+  std::vector<CorvinaPitchContext1*> pitch_;
+  std::vector<CorvinaWaveformContext1*> waveform_;
+  std::vector<const float*> inputs_;
+  std::vector<const float*> speakers_;
+  std::vector<float*> features_out_, pitch_features_out_, output_out_;
+  std::vector<std::int32_t*> bins_out_;
+  std::vector<const float*> features_in_, pitch_features_in_;
+  std::vector<const std::int32_t*> bins_in_;
+};
+
+// What one thread measured, one entry per timed tick.
+struct Timing {
+  std::vector<double> frame_us;       // processing time of the tick's frame
+  std::vector<double> per_stream_us;  // the same over the thread's stream count
+  std::vector<double> wake_us;        // how long after its tick the frame started
+  long misses = 0;
+};
+
+void RunThread(Group* group, Mode mode, Clock::time_point start, int ticks, Timing* timing) {
+  for (int t = 0; t < kWarmUpTicks + ticks; ++t) {
+    const Clock::time_point tick = start + t * kTick;
+    std::this_thread::sleep_until(tick);
+    const Clock::time_point t0 = Clock::now();
+    group->Frame(mode, t);
+    const Clock::time_point t1 = Clock::now();
+    if (t < kWarmUpTicks) continue;
+    const int k = t - kWarmUpTicks;
+    timing->frame_us[k] = Micros(t1 - t0);
+    timing->per_stream_us[k] = timing->frame_us[k] / group->count();
+    timing->wake_us[k] = Micros(t0 - tick);
+    timing->misses += t1 > tick + kTick;
+  }
+}
+
+struct Run {
+  Mode mode;
+  int streams, threads, ticks;
+  Stats frame, wake;
+  double per_stream_us;  // median
+  long misses;
+  double load_before, load_after;
+};
+
+Run RunStreams(const Models& models, const std::vector<float>& signal, const float* speaker, Mode mode, int streams,
+               int threads, double seconds) {
+  const int ticks = static_cast<int>(seconds * 100.0 + 0.5);
+  std::vector<Timing> timings(threads);
+  std::vector<std::unique_ptr<Group>> groups;
+  for (int t = 0, first = 0; t < threads; ++t) {
+    const int count = streams / threads + (t < streams % threads);
+    groups.push_back(std::make_unique<Group>(models, signal, speaker, first, count));
+    first += count;
+    timings[t].frame_us.resize(ticks);
+    timings[t].per_stream_us.resize(ticks);
+    timings[t].wake_us.resize(ticks);
+  }
+  Run run{mode, streams, threads, ticks, {}, {}, 0.0, 0, LoadAverage(), 0.0};
+  const Clock::time_point start = Clock::now() + std::chrono::milliseconds(20);
+  std::vector<std::thread> workers;
+  for (int t = 0; t < threads; ++t)
+    workers.emplace_back(RunThread, groups[t].get(), mode, start, ticks, &timings[t]);
+  for (std::thread& worker : workers) worker.join();
+  run.load_after = LoadAverage();
+
+  std::vector<double> frame, per_stream, wake;
+  for (const Timing& timing : timings) {
+    frame.insert(frame.end(), timing.frame_us.begin(), timing.frame_us.end());
+    per_stream.insert(per_stream.end(), timing.per_stream_us.begin(), timing.per_stream_us.end());
+    wake.insert(wake.end(), timing.wake_us.begin(), timing.wake_us.end());
+    run.misses += timing.misses;
+  }
+  run.frame = Summarise(frame);
+  run.wake = Summarise(wake);
+  run.per_stream_us = Summarise(per_stream).median;
+  return run;
+}
+
+void PrintHeader() {
+  std::printf("| mode | streams | threads | median us | p99 us | worst us | us per stream-frame | missed | "
+              "wake-up p99 us | load before | load after |\n|---|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|\n");
+}
+
+void PrintRun(const Run& r) {
+  std::printf("| %s | %d | %d | %.0f | %.0f | %.0f | %.1f | %ld of %d | %.0f | %.2f | %.2f |\n", ModeName(r.mode),
+              r.streams, r.threads, r.frame.median, r.frame.p99, r.frame.worst, r.per_stream_us, r.misses,
+              r.ticks * r.threads, r.wake.p99, r.load_before, r.load_after);
+  std::fflush(stdout);
+}
+
+void WriteStats(std::FILE* out, const char* name, const Stats& s) {
+  std::fprintf(out, "\"%s\": {\"median\": %.1f, \"p99\": %.1f, \"worst\": %.1f}", name, s.median, s.p99, s.worst);
+}
+
+bool WriteJson(const char* path, const std::string& processor, const Models& models, const std::vector<Run>& runs,
+               const int* sweep_best) {
+  std::FILE* out = OpenJson(path);
+  if (out == nullptr) return false;
+  std::fprintf(out, "{\n  \"processor\": \"%s\",\n  \"weights\": \"%s\",\n  \"tick_us\": 10000,\n  \"runs\": [",
+               processor.c_str(), models.weights());
+  for (std::size_t i = 0; i < runs.size(); ++i) {
+    const Run& r = runs[i];
+    std::fprintf(out, "%s\n    {\"mode\": \"%s\", \"streams\": %d, \"threads\": %d, \"ticks\": %d, ", i ? "," : "",
+                 ModeName(r.mode), r.streams, r.threads, r.ticks);
+    WriteStats(out, "frame_us", r.frame);
+    std::fprintf(out, ", \"us_per_stream_frame\": %.2f, \"deadline_misses\": %ld, \"frames\": %d, ", r.per_stream_us,
+                 r.misses, r.ticks * r.threads);
+    WriteStats(out, "wake_up_us", r.wake);
+    std::fprintf(out, ", \"load_average\": [%.2f, %.2f]}", r.load_before, r.load_after);
+  }
+  std::fprintf(out, "\n  ]");
+  if (sweep_best != nullptr)
+    std::fprintf(out, ",\n  \"sweep_most_streams_without_a_miss\": {\"batch\": %d, \"single\": %d}", sweep_best[0],
+                 sweep_best[1]);
+  std::fprintf(out, "\n}\n");
+  std::fclose(out);
+  return true;
+}
+
+bool ParseOptions(int argc, char** argv, Options* options) {
+  int file = 0;
+  for (int i = 1; i < argc; ++i) {
+    const bool has_value = i + 1 < argc;
+    if (std::strcmp(argv[i], "--streams") == 0 && has_value) {
+      options->streams = std::atoi(argv[++i]);
+    } else if (std::strcmp(argv[i], "--threads") == 0 && has_value) {
+      options->threads = std::atoi(argv[++i]);
+    } else if (std::strcmp(argv[i], "--seconds") == 0 && has_value) {
+      options->seconds = std::atof(argv[++i]);
+    } else if (std::strcmp(argv[i], "--mode") == 0 && has_value) {
+      const std::string mode = argv[++i];
+      if (mode != "batch" && mode != "single" && mode != "both") return false;
+      options->batch = mode != "single";
+      options->single = mode != "batch";
+    } else if (std::strcmp(argv[i], "--sweep") == 0) {
+      options->sweep = true;
+    } else if (std::strcmp(argv[i], "--json") == 0 && has_value) {
+      options->json = argv[++i];
+    } else if (argv[i][0] != '-' && file < 3) {
+      options->files[file++] = argv[i];
+    } else {
+      return false;
+    }
+  }
+  return (file == 0 || file == 3) && options->threads >= 1 && options->streams >= options->threads &&
+         options->seconds >= 0.0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  if (!ParseOptions(argc, argv, &options)) {
+    std::fprintf(stderr,
+                 "usage: %s [--streams S] [--threads T] [--seconds N] [--mode batch|single|both] [--sweep] "
+                 "[--json PATH] [phone.bin pitch.bin generator.bin]\n(S >= T >= 1)\n",
+                 argv[0]);
+    return 2;
+  }
+  const Models models(options.files);
+  const std::vector<float> signal = Signal(1000);
+  const std::vector<float> speaker = Speaker();
+  const std::string processor = ProcessorName();
+  const double seconds = options.seconds > 0.0 ? options.seconds : options.sweep ? kSweepSeconds : 20.0;
+
+  std::printf("corvina streams in real time: every thread processes one frame of each of its streams per 10 ms tick "
+              "(absolute deadlines), %.0f s timed after %d warm-up ticks\n", seconds, kWarmUpTicks);
+  std::printf("processor: %s; %u hardware threads; weights: %s\n\n", processor.c_str(),
+              std::thread::hardware_concurrency(), models.weights());
+  PrintHeader();
+  std::vector<Run> runs;
+  int best[2] = {0, 0};  // batch, single
+  if (options.sweep) {
+    // A miss on a shared machine may be another job's doing, so a mode's
+    // sweep goes on until the median tick no longer fits in 10 ms.
+    for (Mode mode : {Mode::kBatch, Mode::kSingle})
+      for (int streams = std::max(2, options.threads); streams <= kSweepMax; streams += 2) {
+        runs.push_back(RunStreams(models, signal, speaker.data(), mode, streams, options.threads, seconds));
+        PrintRun(runs.back());
+        if (runs.back().misses == 0) best[mode == Mode::kSingle] = streams;
+        if (runs.back().frame.median > kTickUs) break;
+      }
+    std::printf("\nmost streams without a missed deadline (%d threads, %.0f s each): batch %d, single %d\n",
+                options.threads, seconds, best[0], best[1]);
+  } else {
+    for (Mode mode : {Mode::kBatch, Mode::kSingle}) {
+      if (!(mode == Mode::kBatch ? options.batch : options.single)) continue;
+      runs.push_back(RunStreams(models, signal, speaker.data(), mode, options.streams, options.threads, seconds));
+      PrintRun(runs.back());
+    }
+  }
+  if (options.json != nullptr && !WriteJson(options.json, processor, models, runs, options.sweep ? best : nullptr))
+    return 1;
+  return 0;
+}
