@@ -17,6 +17,7 @@
 #include "pitch/pitch_decoder.h"
 #include "pitch/pitch_network.h"
 #include "pitch/spectral_front_end.h"
+#include "test_phone_support.h"
 #include "test_waveform_support.h"
 #include "waveform/waveform_kernels.h"
 
@@ -28,42 +29,6 @@ constexpr int kFrames = 200;
 constexpr int kHop = CORVINA_IN_HOP_LENGTH;
 
 void FillScale(f16* out, int n, Rng& rng) { FillHalves(out, n, 0.2f, rng, 1.0f); }
-
-// Gains that keep every stage of order one over the stream.
-Block<PhoneExtractorBlock> RandomPhoneModel(Rng& rng) {
-  auto m = NewBlock<PhoneExtractorBlock>();
-  FillMatrix(m->conv1, 10, 6.0f, rng);
-  FillMatrix(m->conv2, 32 * 3, 2.0f, rng);
-  FillMatrix(m->conv3, 64 * 3, 2.0f, rng);
-  FillMatrix(m->conv4, 128 * 3, 2.0f, rng);
-  FillMatrix(m->conv5, 256 * 3, 2.0f, rng);
-  FillMatrix(m->conv6, 256 * 2, 2.0f, rng);
-  FillMatrix(m->input_dense.weight, 256, 1.0f, rng);
-  FillHalves(m->input_dense.bias, kChannels, 0.1f, rng);
-  for (auto& layer : m->recurrent) {
-    FillMatrix(layer.input_side.weight, 256, 1.0f, rng);
-    FillHalves(layer.input_side.bias, 3 * kChannels, 0.1f, rng);
-    FillMatrix(layer.state_side.weight, 256, 0.9f, rng);
-    FillHalves(layer.state_side.bias, 3 * kChannels, 0.1f, rng);
-  }
-  FillMatrix(m->causal_conv.weight, 256 * 7, 1.0f, rng);
-  FillHalves(m->causal_conv.bias, kChannels, 0.1f, rng);
-  FillScale(m->causal_norm_scale, kChannels, rng);
-  FillHalves(m->causal_norm_shift, kChannels, 0.1f, rng);
-  for (auto& b : m->blocks) {
-    FillMatrix(b.depthwise, 17, 1.0f, rng);
-    FillHalves(b.depthwise_bias, kChannels, 0.1f, rng);
-    FillMatrix(b.expand, 256, 1.0f, rng);
-    FillHalves(b.expand_bias, kHiddenChannels, 0.1f, rng);
-    FillMatrix(b.project, 768, 0.7f, rng);
-    FillHalves(b.project_bias, kChannels, 0.1f, rng);
-  }
-  FillScale(m->final_norm_scale, kChannels, rng);
-  FillHalves(m->final_norm_shift, kChannels, 0.1f, rng);
-  FillMatrix(m->output_dense.weight, 256, 1.0f, rng);
-  FillHalves(m->output_dense.bias, kChannels, 0.1f, rng);
-  return m;
-}
 
 Block<PitchEstimatorBlock> RandomPitchModel(Rng& rng) {
   auto m = NewBlock<PitchEstimatorBlock>();

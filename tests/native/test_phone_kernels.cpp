@@ -12,55 +12,12 @@
 #include "check.h"
 #include "engine/corvina.h"
 #include "phone/phone_kernels.h"
+#include "test_phone_support.h"
 #include "test_support.h"
 
 using namespace test_support;
 
 namespace {
-
-template <std::size_t N>
-void Fill(f16 (&out)[N], float scale, Rng& rng, float offset = 0.0f) {
-  FillHalves(out, N, scale, rng, offset);
-}
-
-void FillDense(Dense256Weights& d, float gain, Rng& rng) {
-  FillMatrix(d.weight, 256, gain, rng);
-  Fill(d.bias, 0.17f, rng);
-}
-
-Block<PhoneExtractorBlock> RandomModel(unsigned seed) {
-  Rng rng(seed);
-  auto m = NewBlock<PhoneExtractorBlock>();
-  FillMatrix(m->conv1, 10, 6.0f, rng);
-  FillMatrix(m->conv2, 32 * 3, 2.0f, rng);
-  FillMatrix(m->conv3, 64 * 3, 2.0f, rng);
-  FillMatrix(m->conv4, 128 * 3, 2.0f, rng);
-  FillMatrix(m->conv5, 256 * 3, 2.0f, rng);
-  FillMatrix(m->conv6, 256 * 2, 2.0f, rng);
-  FillDense(m->input_dense, 1.0f, rng);
-  for (auto& layer : m->recurrent) {
-    FillMatrix(layer.input_side.weight, 256, 1.0f, rng);
-    Fill(layer.input_side.bias, 0.17f, rng);
-    FillMatrix(layer.state_side.weight, 256, 0.9f, rng);
-    Fill(layer.state_side.bias, 0.17f, rng);
-  }
-  FillMatrix(m->causal_conv.weight, 256 * 7, 1.0f, rng);
-  Fill(m->causal_conv.bias, 0.17f, rng);
-  Fill(m->causal_norm_scale, 0.17f, rng, 1.0f);
-  Fill(m->causal_norm_shift, 0.17f, rng);
-  for (auto& b : m->blocks) {
-    FillMatrix(b.depthwise, 17, 1.0f, rng);
-    Fill(b.depthwise_bias, 0.17f, rng);
-    FillMatrix(b.expand, 256, 1.0f, rng);
-    Fill(b.expand_bias, 0.17f, rng);
-    FillMatrix(b.project, 768, 0.7f, rng);
-    Fill(b.project_bias, 0.17f, rng);
-  }
-  Fill(m->final_norm_scale, 0.17f, rng, 1.0f);
-  Fill(m->final_norm_shift, 0.17f, rng);
-  FillDense(m->output_dense, 1.0f, rng);
-  return m;
-}
 
 // Voiced-like frames with a slow envelope, some exact silence and some noise.
 std::vector<float> SpeechLikeFrame(int frame, Rng& rng) {
@@ -80,7 +37,7 @@ std::vector<float> SpeechLikeFrame(int frame, Rng& rng) {
 
 TEST(front_end_layers_match_scalar_and_carry_their_history) {
   Rng rng(check::Seed());
-  auto model = RandomModel(check::Seed());
+  auto model = RandomPhoneModel(check::Seed());
   auto a = NewBlock<PhoneFrontEnd>(), b = NewBlock<PhoneFrontEnd>();
   for (int frame = 0; frame < 3; ++frame) {
     const std::vector<float> x = RandomFloats(kPhoneHop, 0.5f, rng);
@@ -139,7 +96,7 @@ TEST(recurrent_gates_match_scalar_up_to_and_beyond_the_clamp) {
 
 TEST(recurrent_layer_matches_scalar_over_frames) {
   Rng rng(check::Seed());
-  auto model = RandomModel(check::Seed());
+  auto model = RandomPhoneModel(check::Seed());
   auto a = NewBlock<RecurrentRecord>(), b = NewBlock<RecurrentRecord>();
   for (int frame = 0; frame < 5; ++frame) {
     const std::vector<float> v = RandomFloats(256, 2.0f, rng);
@@ -154,7 +111,7 @@ TEST(recurrent_layer_matches_scalar_over_frames) {
 TEST(network_matches_scalar_definition_bit_for_bit) {
   constexpr int kFrames = 300;
   Rng rng(check::Seed());
-  auto model = RandomModel(check::Seed());
+  auto model = RandomPhoneModel(check::Seed());
   auto a = NewBlock<PhoneContext>(), b = NewBlock<PhoneContext>();
   int first_mismatch = -1;
   double energy = 0.0;
@@ -175,7 +132,7 @@ TEST(network_matches_scalar_definition_bit_for_bit) {
 TEST(each_frame_advances_every_history_by_one) {
   constexpr int kFrames = 23;
   Rng rng(check::Seed());
-  auto model = RandomModel(check::Seed());
+  auto model = RandomPhoneModel(check::Seed());
   auto context = NewBlock<PhoneContext>();
   std::vector<float> x;
   for (int frame = 0; frame < kFrames; ++frame) {
@@ -209,7 +166,7 @@ TEST(each_frame_advances_every_history_by_one) {
 }
 
 TEST(silence_on_a_fresh_context_gives_a_zero_front_end) {
-  auto model = RandomModel(check::Seed());
+  auto model = RandomPhoneModel(check::Seed());
   auto context = NewBlock<PhoneContext>();
   const std::vector<float> zero(kPhoneHop, 0.0f);
   avx2::ExtractPhone(*model, zero.data(), context.get());
@@ -224,7 +181,7 @@ TEST(silence_on_a_fresh_context_gives_a_zero_front_end) {
 
 TEST(exported_call_copies_exactly_the_features_and_allocates_nothing) {
   Rng rng(check::Seed());
-  auto model = RandomModel(check::Seed());
+  auto model = RandomPhoneModel(check::Seed());
   auto twin = NewBlock<PhoneContext>();
   CorvinaPhoneContext1* context = Corvina_CreatePhoneContext1();
   const auto* engine_model = reinterpret_cast<const CorvinaPhoneExtractor*>(model.get());
