@@ -36,6 +36,19 @@ inline float RecurrentTanh(float a) { return std::fma(2.0f, ApproxReciprocal(1.0
 
 inline float Silu(float x) { return x * Sigmoid(x); }
 
+// The gated recurrent update of `width` state values h from the input-side
+// and state-side gate products gi and gh (three blocks of `width`: r, z, n):
+//   r = Sigmoid(gi_r + gh_r), z = Sigmoid(gi_z + gh_z),
+//   n = RecurrentTanh(fma(r, gh_n, gi_n)), h = fma(z, h, (1 - z) * n).
+inline void GatedRecurrentUpdate(const float* gi, const float* gh, float* h, int width) {
+  for (int c = 0; c < width; ++c) {
+    const float r = Sigmoid(gi[c] + gh[c]);
+    const float z = Sigmoid(gi[width + c] + gh[width + c]);
+    const float n = RecurrentTanh(std::fma(r, gh[2 * width + c], gi[2 * width + c]));
+    h[c] = std::fma(z, h[c], (1.0f - z) * n);
+  }
+}
+
 // GELU, tanh form: a = h/2, u = (h + 0.044715 h^3) * 0.7978846, a tanh(u) + a.
 inline float Gelu(float h) {
   const float a = 0.5f * h;

@@ -46,6 +46,19 @@ inline __m256 RecurrentTanh8(__m256 a) {
 
 inline __m256 Silu8(__m256 x) { return _mm256_mul_ps(x, Sigmoid8(x)); }
 
+// GatedRecurrentUpdate (activations_scalar.h) on 8 lanes; width a multiple
+// of 8, every array 32-byte aligned.
+inline void GatedRecurrentUpdate8(const float* gi, const float* gh, float* h, int width) {
+  for (int c = 0; c < width; c += 8) {
+    const __m256 r = Sigmoid8(_mm256_add_ps(_mm256_load_ps(gi + c), _mm256_load_ps(gh + c)));
+    const __m256 z = Sigmoid8(_mm256_add_ps(_mm256_load_ps(gi + width + c), _mm256_load_ps(gh + width + c)));
+    const __m256 n =
+        RecurrentTanh8(_mm256_fmadd_ps(r, _mm256_load_ps(gh + 2 * width + c), _mm256_load_ps(gi + 2 * width + c)));
+    const __m256 keep = _mm256_mul_ps(_mm256_sub_ps(_mm256_set1_ps(1.0f), z), n);
+    _mm256_store_ps(h + c, _mm256_fmadd_ps(z, _mm256_load_ps(h + c), keep));
+  }
+}
+
 // The operations the width-generic kernels (fast_kernels.inc) need, on 8 lanes.
 struct Lanes8 {
   using V = __m256;

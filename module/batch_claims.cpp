@@ -34,6 +34,20 @@ PyObject* BatchContexts(PyObject* contexts, PyTypeObject* type) {
   return tuple;
 }
 
+bool FrameCall::Parse(PyObject* model, PyObject* args, PyObject* kwargs, PyTypeObject* context_type) {
+  static const char* keywords[] = {"input", "context", nullptr};
+  PyObject* input_object = nullptr;
+  if (!PyArg_ParseTupleAndKeywords(args, kwargs, "OO!", const_cast<char**>(keywords), &input_object, context_type,
+                                   &context))
+    return false;
+  if (ContextBlock(context) == nullptr || ModelBlock(model) == nullptr) return false;
+  length = reinterpret_cast<ContextObject*>(context)->length;
+  if (!(input = AsFloat32Array(input_object, 1))) return false;
+  if (PyArray_DIM(input, 0) == length * CORVINA_IN_HOP_LENGTH) return true;
+  PyErr_SetString(PyExc_ValueError, "len(input) != length * IN_HOP_LENGTH");
+  return false;
+}
+
 bool FrameBatch::Parse(PyObject* model, PyObject* args, PyObject* kwargs, PyTypeObject* context_type) {
   static const char* keywords[] = {"input", "contexts", nullptr};
   PyObject* input_object = nullptr;

@@ -1,6 +1,7 @@
-// What the three models' batch methods share: checking the contexts argument,
-// converting the input frames, claiming every block of the batch, and the
-// pointer arrays the engine's ...N functions take.
+// What the model calls share: the arguments of the calls that take frames of
+// samples (one stream's or a batch's), checking a batch's contexts, claiming
+// every block of a batch, and the pointer arrays the engine's ...N functions
+// take.
 #pragma once
 #include <deque>
 #include <vector>
@@ -15,6 +16,25 @@ namespace corvina {
 // item that is not of `type`, ValueError "length != 1" for one without an
 // engine block and "contexts are not distinct" for an object given twice.
 PyObject* BatchContexts(PyObject* contexts, PyTypeObject* type);
+
+// The arguments (input, context) of a one-stream call that takes samples (the
+// phone extractor's and the pitch estimator's): the context and the model
+// checked first, then the input converted to float32 and its length checked
+// against the context's.
+struct FrameCall {
+  PyObject* context = nullptr;  // borrowed from the arguments
+  PyArrayObject* input = nullptr;
+  npy_intp length = 0;
+
+  FrameCall() = default;
+  FrameCall(const FrameCall&) = delete;
+  FrameCall& operator=(const FrameCall&) = delete;
+  ~FrameCall() { Py_XDECREF(input); }
+
+  // False with the error set.
+  bool Parse(PyObject* model, PyObject* args, PyObject* kwargs, PyTypeObject* context_type);
+  const float* samples() const { return static_cast<const float*>(PyArray_DATA(input)); }
+};
 
 // The arguments (input, contexts) of a batch that takes frames of samples
 // (the phone extractor's and the pitch estimator's): the contexts checked

@@ -9,49 +9,28 @@
 namespace corvina {
 
 PyObject* PitchEstimatorCall(PyObject* self, PyObject* args, PyObject* kwargs) {
-  static const char* keywords[] = {"input", "context", nullptr};
-  PyObject* input_object = nullptr;
-  PyObject* context_object = nullptr;
-  if (!PyArg_ParseTupleAndKeywords(args, kwargs, "OO!", const_cast<char**>(keywords), &input_object,
-                                   &PitchContextType, &context_object))
-    return nullptr;
-  if (ContextBlock(context_object) == nullptr) return nullptr;
-  if (ModelBlock(self) == nullptr) return nullptr;
-  const npy_intp length = reinterpret_cast<ContextObject*>(context_object)->length;
-
-  PyArrayObject* input = AsFloat32Array(input_object, 1);
-  if (input == nullptr) return nullptr;
-  if (PyArray_DIM(input, 0) != length * CORVINA_IN_HOP_LENGTH) {
-    Py_DECREF(input);
-    PyErr_SetString(PyExc_ValueError, "len(input) != length * IN_HOP_LENGTH");
-    return nullptr;
-  }
-  npy_intp pitch_shape[1] = {length};
-  npy_intp feature_shape[2] = {length, CORVINA_PITCH_FEATURES};
+  FrameCall call;
+  if (!call.Parse(self, args, kwargs, &PitchContextType)) return nullptr;
+  npy_intp pitch_shape[1] = {call.length};
+  npy_intp feature_shape[2] = {call.length, CORVINA_PITCH_FEATURES};
   PyObject* quantized_pitch = PyArray_SimpleNew(1, pitch_shape, NPY_INT32);
   PyObject* pitch_features = quantized_pitch ? PyArray_SimpleNew(2, feature_shape, NPY_FLOAT32) : nullptr;
   if (pitch_features == nullptr) {
     Py_XDECREF(quantized_pitch);
-    Py_DECREF(input);
     return nullptr;
   }
-  {
-    EngineClaim claim(self, context_object);
-    if (!claim) {
-      Py_DECREF(quantized_pitch);
-      Py_DECREF(pitch_features);
-      Py_DECREF(input);
-      return nullptr;
-    }
-    const float* samples = static_cast<const float*>(PyArray_DATA(input));
-    auto* bin = static_cast<std::int32_t*>(PyArray_DATA(reinterpret_cast<PyArrayObject*>(quantized_pitch)));
-    auto* features = static_cast<float*>(PyArray_DATA(reinterpret_cast<PyArrayObject*>(pitch_features)));
-    Py_BEGIN_ALLOW_THREADS
-    Corvina_EstimatePitch1(static_cast<const CorvinaPitchEstimator*>(claim.model_block()), samples, bin, features,
-                           static_cast<CorvinaPitchContext1*>(claim.context_block()));
-    Py_END_ALLOW_THREADS
+  EngineClaim claim(self, call.context);
+  if (!claim) {
+    Py_DECREF(quantized_pitch);
+    Py_DECREF(pitch_features);
+    return nullptr;
   }
-  Py_DECREF(input);
+  auto* bin = static_cast<std::int32_t*>(PyArray_DATA(reinterpret_cast<PyArrayObject*>(quantized_pitch)));
+  auto* features = static_cast<float*>(PyArray_DATA(reinterpret_cast<PyArrayObject*>(pitch_features)));
+  Py_BEGIN_ALLOW_THREADS
+  Corvina_EstimatePitch1(static_cast<const CorvinaPitchEstimator*>(claim.model_block()), call.samples(), bin,
+                         features, static_cast<CorvinaPitchContext1*>(claim.context_block()));
+  Py_END_ALLOW_THREADS
   return Py_BuildValue("(NN)", quantized_pitch, pitch_features);
 }
 

@@ -1,8 +1,8 @@
 // The per-frame sequence of the phone extractor, written once over a set of
 // kernels: phone_network_scalar.cpp instantiates it with the scalar
-// definitions, phone_network_avx2.cpp with their vector twins and
-// phone_fast_*.cpp with the fast builds, so the networks can only differ
-// where a kernel pair does.
+// definitions and phone_network_avx2.cpp with their vector twins, so the two
+// can only differ where a kernel pair does. The fast builds run the same
+// sequence for a batch of streams (ExtractPhoneN, phone_fast.inc).
 #pragma once
 #include "../engine/kernels.h"
 #include "phone_kernels.h"
@@ -25,8 +25,6 @@ namespace corvina {
   };
 CORVINA_PHONE_KERNEL_SET(ScalarPhoneKernels, scalar)
 CORVINA_PHONE_KERNEL_SET(VectorPhoneKernels, avx2)
-CORVINA_PHONE_KERNEL_SET(FastAvx2PhoneKernels, fast_avx2)
-CORVINA_PHONE_KERNEL_SET(FastAvx512PhoneKernels, fast_avx512)
 #undef CORVINA_PHONE_KERNEL_SET
 
 namespace {  // one instantiation per translation unit, each with its own flags

@@ -13,16 +13,8 @@ namespace corvina {
 namespace scalar {
 
 void RecurrentGates(RecurrentRecord* record) {
-  const float* gi = record->input_gates;
-  const float* gh = record->state_gates;
-  for (int c = 0; c < kChannels; ++c) {
-    const float r = Sigmoid(gi[c] + gh[c]);
-    const float z = Sigmoid(gi[kChannels + c] + gh[kChannels + c]);
-    const float n = RecurrentTanh(std::fma(r, gh[2 * kChannels + c], gi[2 * kChannels + c]));
-    const float h = std::fma(z, record->state[c], (1.0f - z) * n);
-    record->state[c] = h;
-    record->output[c] = h;
-  }
+  GatedRecurrentUpdate(record->input_gates, record->state_gates, record->state, kChannels);
+  std::memcpy(record->output, record->state, sizeof record->output);
 }
 
 void RecurrentLayer(const PhoneExtractorBlock::RecurrentLayer& weights, const float* v, RecurrentRecord* record) {

@@ -1,5 +1,5 @@
 // The pitch network on the fast 512-bit kernels; the network is in
-// pitch_network.inc.
+// pitch_batch.inc.
 #include <cstring>
 
 #include "../engine/batch.h"
@@ -15,7 +15,6 @@ void DepthwiseConv33(const PitchBlockWeights& weights, const float* x, PitchBloc
   avx2::DepthwiseConv33(weights, x, state, out);
 }
 
-#include "pitch_network.inc"
 #include "pitch_batch.inc"
 
 }  // namespace fast_avx512

@@ -67,4 +67,12 @@ void DilatedCausalConv(const DilatedConvWeights<N, K>& weights, const float* inp
   X(N, T, 11, 3)                               \
   X(N, T, 11, 5)
 
+// Instantiates DilatedCausalConv for every shape, in the namespace where it stands.
+#define CORVINA_DILATED_CONV_INSTANCE(N, T, K, D)                                               \
+  template void DilatedCausalConv<N, T, K, D>(const DilatedConvWeights<N, K>&, const float*, \
+                                              DilatedCausalConvState<N, T, kDilatedHistory<K, D>>*);
+#define CORVINA_INSTANTIATE_DILATED_CONVS                                      \
+  CORVINA_FOR_EACH_DILATED_CONV(CORVINA_DILATED_CONV_INSTANCE, 128, 5)         \
+  CORVINA_FOR_EACH_DILATED_CONV(CORVINA_DILATED_CONV_INSTANCE, 64, 15)
+
 }  // namespace corvina

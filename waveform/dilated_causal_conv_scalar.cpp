@@ -34,12 +34,7 @@ void DilatedCausalConv(const DilatedConvWeights<N, K>& weights, const float* inp
   RecordFrame(input, state);
 }
 
-#define CORVINA_INSTANTIATE(N, T, K, D)                                                        \
-  template void DilatedCausalConv<N, T, K, D>(const DilatedConvWeights<N, K>&, const float*, \
-                                              DilatedCausalConvState<N, T, kDilatedHistory<K, D>>*);
-CORVINA_FOR_EACH_DILATED_CONV(CORVINA_INSTANTIATE, 128, 5)
-CORVINA_FOR_EACH_DILATED_CONV(CORVINA_INSTANTIATE, 64, 15)
-#undef CORVINA_INSTANTIATE
+CORVINA_INSTANTIATE_DILATED_CONVS
 
 }  // namespace scalar
 }  // namespace corvina

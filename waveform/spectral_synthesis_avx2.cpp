@@ -54,17 +54,7 @@ void LogMagnitudes(const f16 (*weight)[kSpectrumValues][kStage2Channels], const 
                 sizeof(float) * kStage2Channels);
 }
 
-void PhaseGates(const float* gi, const float* gh, float* h) {
-  for (int c = 0; c < kPhaseHidden; c += 8) {
-    const __m256 r = Sigmoid8(_mm256_add_ps(_mm256_load_ps(gi + c), _mm256_load_ps(gh + c)));
-    const __m256 z =
-        Sigmoid8(_mm256_add_ps(_mm256_load_ps(gi + kPhaseHidden + c), _mm256_load_ps(gh + kPhaseHidden + c)));
-    const __m256 n = RecurrentTanh8(
-        _mm256_fmadd_ps(r, _mm256_load_ps(gh + 2 * kPhaseHidden + c), _mm256_load_ps(gi + 2 * kPhaseHidden + c)));
-    const __m256 keep = _mm256_mul_ps(_mm256_sub_ps(_mm256_set1_ps(1.0f), z), n);
-    _mm256_store_ps(h + c, _mm256_fmadd_ps(z, _mm256_load_ps(h + c), keep));
-  }
-}
+void PhaseGates(const float* gi, const float* gh, float* h) { GatedRecurrentUpdate8(gi, gh, h, kPhaseHidden); }
 
 void OverlapAdd(const float* frame, const float* window, const float* scale, float* buffer, float* out) {
   const __m256 shifted_low = _mm256_loadu_ps(buffer + 4);

@@ -40,14 +40,7 @@ void LogMagnitudes(const f16 (*weight)[kSpectrumValues][kStage2Channels], const 
                 sizeof(float) * kStage2Channels);
 }
 
-void PhaseGates(const float* gi, const float* gh, float* h) {
-  for (int c = 0; c < kPhaseHidden; ++c) {
-    const float r = Sigmoid(gi[c] + gh[c]);
-    const float z = Sigmoid(gi[kPhaseHidden + c] + gh[kPhaseHidden + c]);
-    const float n = RecurrentTanh(std::fma(r, gh[2 * kPhaseHidden + c], gi[2 * kPhaseHidden + c]));
-    h[c] = std::fma(z, h[c], (1.0f - z) * n);
-  }
-}
+void PhaseGates(const float* gi, const float* gh, float* h) { GatedRecurrentUpdate(gi, gh, h, kPhaseHidden); }
 
 void OverlapAdd(const float* frame, const float* window, const float* scale, float* buffer, float* out) {
   for (int i = 0; i < kFftLength - kFftHop; ++i) buffer[i] = buffer[i + kFftHop];
