@@ -10,11 +10,6 @@
 namespace corvina {
 namespace fast_avx512 {
 
-// 6k products a block: the straightforward build is as fast as any.
-void DepthwiseConv33(const PitchBlockWeights& weights, const float* x, PitchBlockState* state, float* out) {
-  avx2::DepthwiseConv33(weights, x, state, out);
-}
-
 #include "pitch_batch.inc"
 
 }  // namespace fast_avx512
