@@ -1,5 +1,5 @@
 """The engine against what users would pick instead: the same three networks in
-PyTorch (bench/torch_models.py), on the same parameter files and input, run
+PyTorch (corvina_tools.training, the networks training uses), on the same parameter files and input, run
 frame by frame with carried state and over the whole file at once.
 
 How to run (PyTorch is not a project dependency and CI never runs this):
@@ -39,7 +39,8 @@ import torch
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 sys.path[:0] = [os.path.join(ROOT, "tests"), os.path.dirname(os.path.abspath(__file__))]
 
-import torch_models  # noqa: E402
+from corvina_tools.training import PhoneExtractor, PitchEstimator, WaveformGenerator, load_parameters  # noqa: E402
+from corvina_tools.training.layers import CausalConv1d  # noqa: E402
 from reference import phone, pitch, waveform  # noqa: E402
 from signals import frames, speech_like  # noqa: E402
 KINDS = {"phone": "PhoneExtractor", "pitch": "PitchEstimator", "waveform": "WaveformGenerator"}
@@ -68,6 +69,10 @@ def timed(call, *args):
     return out, (time.perf_counter_ns() - start) / 1000.0
 
 
+NETWORKS = {"PhoneExtractor": PhoneExtractor, "PitchEstimator": PitchEstimator,
+            "WaveformGenerator": WaveformGenerator}
+
+
 def load_models(corvina, seed, folder):
     """Engine and PyTorch models of each kind, on one random parameter file each."""
     references = {"phone": phone, "pitch": pitch, "waveform": waveform}
@@ -77,7 +82,7 @@ def load_models(corvina, seed, folder):
         references[name].write_parameters(references[name].random_parameters(seed), path)
         engine[name] = getattr(corvina, kind)()
         engine[name].read_parameters(path)
-        torch_nets[name] = getattr(torch_models, kind)().load(path)
+        torch_nets[name] = load_parameters(NETWORKS[kind](), path).requires_grad_(False).eval()
     return engine, torch_nets
 
 
@@ -113,21 +118,22 @@ def torch_calls(nets, speaker):
     spk = torch.from_numpy(speaker)
 
     def pitch(x):
-        q, pf = nets["pitch"].step(torch.from_numpy(x), state["pitch"])
+        q, pf = nets["pitch"].step(torch.from_numpy(x)[None], state["pitch"])
         return q.numpy(), pf.numpy()
 
-    return (lambda x: nets["phone"].step(torch.from_numpy(x), state["phone"]).numpy(), pitch,
+    return (lambda x: nets["phone"].step(torch.from_numpy(x)[None], state["phone"]).numpy(), pitch,
             lambda f, q, pf: nets["waveform"].step(*map(torch.from_numpy, (f, q, pf)), spk,
-                                                   state["waveform"]).numpy())
+                                                   state["waveform"])[0].numpy())
 
 
 def run_torch_whole(nets, signal, engine_out, speaker):
     """Each model once over the whole file: outputs and time per frame (us)."""
     n = len(engine_out["bins"])
-    inputs = [torch.from_numpy(engine_out[key]) for key in ("phone", "bins", "pitch")]
-    f, t_phone = timed(nets["phone"], torch.from_numpy(signal))
-    (q, pf), t_pitch = timed(nets["pitch"], torch.from_numpy(signal))
+    inputs = [torch.from_numpy(engine_out[key])[None] for key in ("phone", "bins", "pitch")]
+    f, t_phone = timed(nets["phone"], torch.from_numpy(signal)[None])
+    (q, pf), t_pitch = timed(nets["pitch"], torch.from_numpy(signal)[None])
     y, t_waveform = timed(nets["waveform"], *inputs, torch.from_numpy(speaker))
+    f, q, pf, y = f[0], q[0], pf[0], y[0]
     outputs = {"phone": f.numpy(), "bins": q.numpy(), "pitch": pf.numpy(), "waveform": y.numpy()}
     return outputs, {"phone": [t_phone / n], "pitch": [t_pitch / n], "waveform": [t_waveform / n]}
 
@@ -204,7 +210,7 @@ def measure(engine, nets, signal, speaker, rounds, warm_up):
     with torch.inference_mode():
         warm_out, _ = run_frames(engine_calls(engine, speaker), warm)
         for _, tuned in streamed:
-            torch_models.CausalConv1d.streaming_matmul = tuned
+            CausalConv1d.streaming_matmul = tuned
             run_frames(torch_calls(nets, speaker), warm, warm_out)
         run_torch_whole(nets, warm.reshape(-1), warm_out, speaker)
         for _ in range(rounds):
@@ -212,10 +218,10 @@ def measure(engine, nets, signal, speaker, rounds, warm_up):
             outputs["engine"], t = run_frames(engine_calls(engine, speaker), rows)
             times["engine"].append(t)
             for form, tuned in streamed:
-                torch_models.CausalConv1d.streaming_matmul = tuned
+                CausalConv1d.streaming_matmul = tuned
                 outputs[form], t = run_frames(torch_calls(nets, speaker), rows, outputs["engine"])
                 times[form].append(t)
-            torch_models.CausalConv1d.streaming_matmul = False
+            CausalConv1d.streaming_matmul = False
             outputs["torch_whole_file"], t = run_torch_whole(nets, signal, outputs["engine"], speaker)
             times["torch_whole_file"].append(t)
     return outputs, times

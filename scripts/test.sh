@@ -8,7 +8,12 @@ cd "$(dirname "$0")/.."
 python3 -m venv .venv
 . .venv/bin/activate
 python -m pip install -q --upgrade pip
-python -m pip install -q ".[test]"
+# PyTorch's CPU build first, so the train extra finds it and pulls no GPU libraries.
+python -m pip install -q torch==2.13.0
+python -m pip install -q ".[test,train]"
+# The native build takes pocketfft's header from this package (pinned by hash);
+# nothing else of it is used, so its own requirements are not installed.
+python -m pip install -q --no-deps pythran==0.19.0
 
 cmake -S . -B build/test -G Ninja -DCMAKE_BUILD_TYPE=Release -DCORVINA_BUILD_TESTS=ON -DCORVINA_BUILD_BENCH=OFF
 cmake --build build/test

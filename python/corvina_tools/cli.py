@@ -69,16 +69,24 @@ def build_parser():
     p.add_argument("--seconds", type=float, help="stop after this long (default: Ctrl+C)")
     _add_quality_option(p, "LQ")
 
-    p = sub.add_parser("demo", help="convert a synthesised voice with a generated test model",
-                       description="Generate a test model and a speech-like input, convert it, write the "
-                                   "WAV files and print the real-time factor. " + UNTRAINED)
-    p.add_argument("-o", "--output", default="demo-output", help="folder for the WAV files (default demo-output)")
+    p = sub.add_parser("demo", help="convert a synthesized sentence into every default voice",
+                       description="Speak a sentence with a synthesizer voice the default model was not trained "
+                                   "on (espeak-ng; without it, a built-in signal), convert it to every speaker of "
+                                   "the model and once with the pitch raised, write the WAV files and a "
+                                   "spectrogram picture, and print the real-time factor.")
+    p.add_argument("-o", "--output", default="demo-output", help="folder for the files (default demo-output)")
+    p.add_argument("-m", "--model", help="model directory (default: the packaged default model)")
+
+    from .train_command import add_commands
+    add_commands(sub)
     return parser
 
 
 def main(argv=None):
     args = build_parser().parse_args(argv)
     try:
+        if hasattr(args, "run"):
+            return args.run(args)
         return COMMANDS[args.command](args)
     except ModelError as e:
         return _fail(f"bad model: {e}")
@@ -200,8 +208,12 @@ def cmd_live(args):
 
 
 def cmd_demo(args):
+    from .default_model import default_model_dir
     from .demo import run_demo
-    run_demo(args.output)
+    model = args.model or default_model_dir()
+    if model is None:
+        return _fail("this installation has no default model; give --model")
+    run_demo(args.output, model)
     return 0
 
 

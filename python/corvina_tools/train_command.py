@@ -1,0 +1,94 @@
+"""`corvina corpus` and `corvina train …`: the command-line side of training.
+PyTorch is imported only when a command runs, so the rest of the command
+works without the train extra."""
+import argparse
+import os
+
+
+def add_commands(sub):
+    """Add the `corpus` and `train` commands to an argparse sub-parser set."""
+    corpus = sub.add_parser("corpus", help="make a training corpus with the system's speech synthesizers",
+                            add_help=False, description="See `corvina corpus --help`.")
+    corpus.add_argument("arguments", nargs=argparse.REMAINDER)
+    corpus.set_defaults(run=run_corpus)
+    train = sub.add_parser("train", help="train a model directory's networks on a corpus (needs the train extra)",
+                           description="Train one network of a model directory on a corpus made by `corvina corpus`. "
+                           "Run the stages in order: pitch, phone, waveform; finetune adds a new voice to a trained "
+                           "model. Each stage checkpoints into --checkpoints and resumes from there when run again.")
+    stages = train.add_subparsers(dest="stage", required=True, metavar="STAGE")
+    helps = {"pitch": "pitch estimator: 384-bin classification against the corpus's pitch tracks",
+             "phone": "phone extractor: content features through a frame-level phone classifier",
+             "waveform": "waveform generator and speaker rows, the extractors frozen",
+             "finetune": "a new voice from recordings without transcripts: generator and new rows"}
+    for name, text in helps.items():
+        p = stages.add_parser(name, help=text, description=text)
+        p.add_argument("corpus", help="corpus folder (corvina corpus)")
+        p.add_argument("-m", "--model", required=True,
+                       help="model directory: the stage writes its file there" +
+                       ("; finetune reads the trained model from it" if name == "finetune" else ""))
+        if name == "finetune":
+            p.add_argument("-o", "--output", required=True, help="model directory to write the fine-tuned model to")
+        p.add_argument("--speakers", help="comma-separated corpus speakers to train on (default: all not held out)")
+        p.add_argument("--checkpoints", required=True, help="folder for checkpoints (resumed when present)")
+        p.add_argument("--minutes", type=float, help="training-time budget in all, resumed runs included")
+        p.add_argument("--steps", type=int, help="step budget in all")
+        p.add_argument("--sentences", type=int, metavar="N", help="train on the corpus's first N sentences only")
+        p.add_argument("--batch", type=int, help="segments a step")
+        p.add_argument("--frames", type=int, help="10 ms frames a segment")
+        p.add_argument("--validate-every", type=int, default=200, metavar="STEPS")
+        p.add_argument("--device", default="cpu", help="torch device, e.g. cpu or cuda (default cpu)")
+        p.add_argument("--threads", type=int, help="CPU threads for PyTorch")
+        p.set_defaults(run=run_train)
+
+
+def _training():
+    try:
+        from . import training
+    except ImportError as e:
+        raise SystemExit(f"corvina: {e}") from None
+    return training
+
+
+def run_corpus(args):
+    _training()
+    from .training.corpus import main
+    return main(args.arguments)
+
+
+def run_train(args):
+    _training()
+    import torch
+
+    from .training.data import CorpusError
+    from .training.stages import make_stage
+    from .training.trainer import train
+
+    if args.minutes is None and args.steps is None:
+        raise SystemExit("corvina train: give --minutes, --steps or both")
+    if args.threads:
+        torch.set_num_threads(args.threads)
+    sizes = {k: v for k, v in (("batch", args.batch), ("frames", args.frames)) if v}
+    if args.stage == "finetune":
+        sizes["out_dir"] = args.output
+    if args.stage in ("waveform", "finetune"):
+        os.makedirs(args.checkpoints, exist_ok=True)
+        sizes["cache"] = os.path.join(args.checkpoints, f"{args.stage}_inputs.pt")
+    speakers = args.speakers.split(",") if args.speakers else None
+    try:
+        stage = make_stage(args.stage, args.corpus, args.model, speakers, args.device, args.sentences, **sizes)
+    except (CorpusError, FileNotFoundError, ValueError) as e:
+        raise SystemExit(f"corvina train {args.stage}: {e}")
+    train(stage, os.path.join(args.checkpoints), steps=args.steps, minutes=args.minutes,
+          validate_every=args.validate_every)
+    return 0
+
+
+def main(argv=None):
+    parser = argparse.ArgumentParser(prog="corvina")
+    add_commands(parser.add_subparsers(dest="command", required=True))
+    args = parser.parse_args(argv)
+    return args.run(args)
+
+
+if __name__ == "__main__":
+    raise SystemExit(main())
