@@ -30,7 +30,8 @@ def test_signals_stop_cleanly(model_dir, tmp_path, corvina_command, signum, stat
     sf.write(long, np.zeros(16000 * 60, np.float32), 16000)
     out = tmp_path / "out"
     process = subprocess.Popen([corvina_command.path, "convert", long, "-m", model_dir, "-o", out / "out.wav"],
-                               stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+                               stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                               preexec_fn=lambda: signal.signal(signum, signal.SIG_DFL))   # not inherited SIG_IGN
     deadline = time.monotonic() + 120          # a safety net, not a measurement
     while not (out.exists() and os.listdir(out)):           # the partial file is being written
         assert process.poll() is None and time.monotonic() < deadline, process.communicate()
@@ -45,7 +46,8 @@ def test_signals_stop_cleanly(model_dir, tmp_path, corvina_command, signum, stat
 def locked(path):
     """path made unwritable: marked immutable for root, whom modes do not stop."""
     if os.geteuid() == 0:
-        subprocess.run(["chattr", "+i", path], check=True)
+        if subprocess.run(["chattr", "+i", path], capture_output=True).returncode:
+            pytest.skip("this file system cannot mark files immutable")
         try:
             yield
         finally:
@@ -89,17 +91,6 @@ def test_warnings_for_trouble_in_the_output(model_dir, talk, tmp_path, corvina_c
     assert f"{talk}: " in result.stderr and f"output samples beyond full scale (peak {peak:.2f})" in result.stderr
     assert f"{cut}: the input ends after 0.33 s of the 1.50 s its header declares" in result.stderr
     assert f"{tmp_path / 'empty.wav'}: no audio in the input" in result.stderr
-
-
-def test_closing_line_counts_failures_and_times_only_real_work(model_dir, tmp_path, corvina_command):
-    sf.write(tmp_path / "one.wav", np.zeros(1), 16000)
-    result = corvina_command("convert", tmp_path / "one.wav", tmp_path / "absent.wav", "-m", model_dir,
-                             "-o", tmp_path / "out")
-    assert result.returncode == 1
-    assert result.stdout.startswith("converted 1 of 2 file(s), 1 failed: 0.00 s of audio in ")
-    assert "real-time factor" not in result.stdout
-    result = corvina_command("convert", tmp_path / "absent.wav", "-m", model_dir, "-o", tmp_path / "x.wav")
-    assert result.stdout == "converted 0 of 1 file(s), 1 failed\n"
 
 
 def test_standard_input_to_standard_output(model_dir, talk, tmp_path, corvina_command):

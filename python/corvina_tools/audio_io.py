@@ -40,6 +40,8 @@ def open_input(source):
     name = display_name(source)
     if source != STDIO and not os.path.isfile(source):
         raise InputError(f"cannot read {name}: " + ("not a file" if os.path.exists(source) else "no such file"))
+    if source == STDIO and sys.stdin.isatty():
+        raise InputError(f"cannot read {name}: it is a terminal; pipe or redirect audio into it")
     try:
         if source == STDIO:
             return sf.SoundFile(sys.stdin.buffer.fileno(), closefd=False)

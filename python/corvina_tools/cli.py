@@ -5,6 +5,7 @@ import os
 import signal
 import sys
 import tempfile
+import threading
 import time
 
 from .model_files import ModelError
@@ -134,7 +135,8 @@ def main(argv=None):
     args = build_parser().parse_args(argv)
     previous = {}
     for number in (signal.SIGTERM, signal.SIGHUP):
-        if signal.getsignal(number) is not signal.SIG_IGN:       # nohup's choice stands
+        # nohup's choice stands; handlers can be set on the main thread only
+        if signal.getsignal(number) is not signal.SIG_IGN and threading.current_thread() is threading.main_thread():
             previous[number] = signal.signal(number, _stop)
     try:
         return COMMANDS[args.command](args)

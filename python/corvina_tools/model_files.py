@@ -89,7 +89,7 @@ def open_checked(path, model_file):
 
 def nonfinite_halves(data):
     """How many of the little-endian half floats in data are infinite or NaN
-    (all exponent bits set): the engine would turn them into silence or noise."""
+    (all exponent bits set); one such weight can make every output sample NaN."""
     exponent = np.frombuffer(data, "<u2") & 0x7C00
     return int(np.count_nonzero(exponent == 0x7C00))
 
