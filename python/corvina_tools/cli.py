@@ -26,6 +26,13 @@ def model_directory(given):
     return given or DEFAULT_MODEL
 
 
+def _version():
+    try:
+        return importlib.metadata.version("corvina")
+    except importlib.metadata.PackageNotFoundError:
+        return "(not installed: run from the source tree)"
+
+
 def parse_speaker(text):
     """'2' picks row 2; '0:0.7,1:0.3' mixes rows with weights."""
     try:
@@ -68,7 +75,7 @@ def _add_quality_option(p, default):
 
 def build_parser():
     parser = argparse.ArgumentParser(prog="corvina", description="Voice conversion with the corvina engine.")
-    parser.add_argument("--version", action="version", version=f"%(prog)s {importlib.metadata.version('corvina')}")
+    parser.add_argument("--version", action="version", version=f"%(prog)s {_version()}")
     sub = parser.add_subparsers(dest="command", required=True, metavar="COMMAND")
 
     p = sub.add_parser("convert", help="convert audio files",
