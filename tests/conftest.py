@@ -17,3 +17,17 @@ def model_dir(tmp_path_factory):
 def models(model_dir):
     from corvina_tools import ModelSet
     return ModelSet.load(model_dir)
+
+
+@pytest.fixture(scope="session")
+def corvina_command():
+    """Runs the installed `corvina` command in a process of its own, so that
+    exit statuses and signals are what a shell sees."""
+    import subprocess
+    command = os.path.join(os.path.dirname(sys.executable), "corvina")
+
+    def run(*argv, **options):
+        return subprocess.run([command, *map(str, argv)], capture_output=True, timeout=300,
+                              text="input" not in options, **options)
+    run.path = command
+    return run

@@ -24,10 +24,10 @@ def model_copy(model_dir, tmp_path):
 BREAKS = {"missing": lambda p: p.unlink(), "short": lambda p: os.truncate(p, p.stat().st_size - 1),
           "long": lambda p: os.truncate(p, p.stat().st_size + 1), "empty": lambda p: os.truncate(p, 0),
           "odd speakers": lambda p: os.truncate(p, 1000), "directory": lambda p: (p.unlink(), p.mkdir()),
-          "fifo": lambda p: (p.unlink(), os.mkfifo(p))}
+          "fifo": lambda p: (p.unlink(), os.mkfifo(p)), "NaN": lambda p: p.write_bytes(b"\xff" * p.stat().st_size)}
 CASES = ([(name, how) for name in SIZES for how in ("missing", "short", "long", "directory")]
          + [("speaker_embeddings.bin", how) for how in ("missing", "empty", "odd speakers", "fifo")]
-         + [("pitch_estimator.bin", "fifo")])
+         + [("pitch_estimator.bin", "fifo"), ("waveform_generator.bin", "NaN"), ("speaker_embeddings.bin", "NaN")])
 
 
 @pytest.mark.parametrize("name,how", CASES)
@@ -39,10 +39,13 @@ def test_every_bad_file_is_a_model_error_naming_it(model_copy, name, how):
     error = caught.value
     assert error.path == str(path)
     expected = f"exactly {SIZES[name]} bytes" if name in SIZES else "a non-zero multiple of 512 bytes"
+    if how == "NaN":
+        expected = "finite values only"
     assert expected in error.expected
     found = {"missing": "no such file", "short": f"{SIZES.get(name, 0) - 1} bytes",
              "long": f"{SIZES.get(name, 0) + 1} bytes", "empty": "0 bytes", "odd speakers": "1000 bytes",
-             "directory": "a directory", "fifo": "not a regular file"}[how]
+             "directory": "a directory", "fifo": "not a regular file",
+             "NaN": f"{SIZES.get(name, 1536) // 2} non-finite values"}[how]
     assert error.found == found
     assert str(path) in str(error) and expected in str(error)
     lines, ok = describe(str(model_copy))

@@ -35,7 +35,7 @@ def time_frames(models, n_frames=1000, warmup=50, speaker=0):
 
 def summary(timings):
     """Lines of the bench report."""
-    lines = [f"{'':20s} {'median':>9s} {'p99':>9s}   µs/frame"]
+    lines = [f"{'µs per frame':20s} {'median':>9s} {'p99':>9s}"]
     for name, t in timings.items():
         lines.append(f"{name:20s} {np.median(t):9.1f} {np.percentile(t, 99):9.1f}")
     chain = timings["chain"]

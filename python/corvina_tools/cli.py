@@ -1,14 +1,36 @@
 """The `corvina` command."""
 import argparse
+import importlib.metadata
 import os
+import signal
 import sys
 import tempfile
+import threading
 import time
 
 from .model_files import ModelError
 
 UNTRAINED = ("The model is untrained: random, well-conditioned weights that turn speech into "
              "noise-like audio. It exists to try the tools and measure speed.")
+# The model directory used when none is named; None while the package ships
+# none. Naming one here makes --model optional in every command.
+DEFAULT_MODEL = None
+MODEL_REQUIRED = DEFAULT_MODEL is None
+# Audio shorter than this gives no real-time factor: start-up would dominate it.
+MIN_TIMED_SECONDS = 1.0
+
+
+def model_directory(given):
+    """The model directory a command uses: the one named, else the default
+    (None if there is neither)."""
+    return given or DEFAULT_MODEL
+
+
+def _version():
+    try:
+        return importlib.metadata.version("corvina")
+    except importlib.metadata.PackageNotFoundError:
+        return "(not installed: run from the source tree)"
 
 
 def parse_speaker(text):
@@ -16,16 +38,33 @@ def parse_speaker(text):
     try:
         if ":" not in text:
             return int(text)
-        return {int(k): float(w) for k, w in (part.split(":") for part in text.split(","))}
+        pairs = [(int(k), float(w)) for k, w in (part.split(":") for part in text.split(","))]
     except ValueError:
         raise argparse.ArgumentTypeError(f"expected a row index or ROW:WEIGHT,... not {text!r}") from None
+    rows = [row for row, _ in pairs]
+    repeated = next((row for row in rows if rows.count(row) > 1), None)
+    if repeated is not None:
+        raise argparse.ArgumentTypeError(f"speaker row {repeated} is given twice in {text!r}")
+    return dict(pairs)
 
 
-def _add_voice_options(p, model_required=True):
-    p.add_argument("-m", "--model", required=model_required, help="model directory")
+def parse_pitch(text):
+    from .converter import checked_pitch_shift
+    try:
+        return checked_pitch_shift(text)
+    except ValueError as e:
+        raise argparse.ArgumentTypeError(str(e)) from None
+
+
+def _add_model_option(p, required=MODEL_REQUIRED):
+    p.add_argument("-m", "--model", required=required, help="model directory")
+
+
+def _add_voice_options(p):
     p.add_argument("-s", "--speaker", type=parse_speaker, default=0,
                    help="target speaker row, or weights over rows for a mixed voice, e.g. 0:0.7,1:0.3")
-    p.add_argument("-p", "--pitch", type=float, default=0.0, help="pitch shift in semitones")
+    p.add_argument("-p", "--pitch", type=parse_pitch, default=0.0,
+                   help="pitch shift in semitones, from -47.75 to 47.75 (the span of the pitch bins)")
 
 
 def _add_quality_option(p, default):
@@ -36,23 +75,31 @@ def _add_quality_option(p, default):
 
 def build_parser():
     parser = argparse.ArgumentParser(prog="corvina", description="Voice conversion with the corvina engine.")
+    parser.add_argument("--version", action="version", version=f"%(prog)s {_version()}")
     sub = parser.add_subparsers(dest="command", required=True, metavar="COMMAND")
 
-    p = sub.add_parser("convert", help="convert audio files")
-    p.add_argument("inputs", nargs="+", metavar="INPUT", help="audio files in any format libsndfile reads")
+    p = sub.add_parser("convert", help="convert audio files",
+                       description="Convert audio files. Several channels are mixed to one (mono) before "
+                                   "conversion; the output is mono. Messages and the progress bar go to "
+                                   "standard error.")
+    p.add_argument("inputs", nargs="+", metavar="INPUT",
+                   help="audio files in any format libsndfile reads; - reads standard input")
     p.add_argument("-o", "--output", required=True,
-                   help="output file, or a folder (for several inputs, or a path ending in /)")
+                   help="output file, a folder (for several inputs, or a path ending in /), "
+                        "or - for standard output")
+    _add_model_option(p)
     _add_voice_options(p)
     p.add_argument("-r", "--rate", type=int, default=24000, help="output sample rate (default 24000, the model's)")
-    p.add_argument("-f", "--format", help="output format, e.g. WAV, FLAC, OGG (default: from the extension; WAV in a folder)")
+    p.add_argument("-f", "--format", help="output format, e.g. WAV, FLAC, OGG (default: from the extension; "
+                                          "WAV in a folder or on standard output)")
     p.add_argument("--subtype", help="output sample type, e.g. PCM_16, PCM_24, FLOAT (default: the format's)")
     _add_quality_option(p, "HQ")
 
     p = sub.add_parser("info", help="describe a model directory, parameter file or speaker file")
-    p.add_argument("path")
+    p.add_argument("path", nargs=None if MODEL_REQUIRED else "?")
 
     p = sub.add_parser("bench", help="time the models per frame; without --model a generated test model is used")
-    p.add_argument("-m", "--model", help="model directory")
+    _add_model_option(p, required=False)
     p.add_argument("-n", "--frames", type=int, default=1000, help="frames to time (default 1000)")
 
     p = sub.add_parser("make-test-model", help="write an untrained random model set",
@@ -62,8 +109,10 @@ def build_parser():
     p.add_argument("--speakers", type=int, default=4, help="speaker rows (default 4)")
 
     p = sub.add_parser("live", help="convert the microphone to the speakers")
-    _add_voice_options(p, model_required=False)
-    p.add_argument("--list-devices", action="store_true", help="list audio devices and exit")
+    wanted = p.add_mutually_exclusive_group(required=MODEL_REQUIRED)
+    _add_model_option(wanted, required=False)
+    wanted.add_argument("--list-devices", action="store_true", help="list audio devices and exit")
+    _add_voice_options(p)
     p.add_argument("--input", help="input device index or name fragment")
     p.add_argument("--output", help="output device index or name fragment")
     p.add_argument("--seconds", type=float, help="stop after this long (default: Ctrl+C)")
@@ -82,16 +131,39 @@ def build_parser():
     return parser
 
 
+class Stopped(KeyboardInterrupt):
+    """SIGTERM or SIGHUP, handled as Ctrl+C is: whatever is half-done is
+    cleaned up on the way out."""
+
+    def __init__(self, signum):
+        super().__init__(signum)
+        self.signum = signum
+
+
+def _stop(signum, frame):
+    raise Stopped(signum)
+
+
 def main(argv=None):
     args = build_parser().parse_args(argv)
+    previous = {}
+    for number in (signal.SIGTERM, signal.SIGHUP):
+        # nohup's choice stands; handlers can be set on the main thread only
+        if signal.getsignal(number) is not signal.SIG_IGN and threading.current_thread() is threading.main_thread():
+            previous[number] = signal.signal(number, _stop)
     try:
         if hasattr(args, "run"):
             return args.run(args)
         return COMMANDS[args.command](args)
     except ModelError as e:
         return _fail(f"bad model: {e}")
+    except Stopped as e:
+        return _fail(f"stopped by {signal.Signals(e.signum).name}", 128 + e.signum)
     except KeyboardInterrupt:
         return _fail("interrupted", 130)
+    finally:
+        for number, handler in previous.items():
+            signal.signal(number, handler)
 
 
 def _fail(message, status=1):
@@ -105,25 +177,25 @@ def _load(directory):
 
 
 def cmd_convert(args):
-    from .convert_files import (ConversionError, convert_file, output_format, plan_outputs, progress_bar,
-                                total_seconds)
+    from .audio_io import STDIO, ConversionError, check_destination, display_name
+    from .convert_files import convert_file, output_format, plan_outputs, progress_bar, total_seconds
     from .converter import Converter
-    models = _load(args.model)          # a bad model stops everything before any output
-    try:                                # so do bad settings
+    models = _load(model_directory(args.model))     # a bad model stops everything before any output
+    try:                                            # so do bad settings and unwritable outputs
         Converter(models, output_rate=args.rate, speaker=args.speaker, pitch_shift=args.pitch)
         pairs = plan_outputs(args.inputs, args.output, args.format)
         for _, target in pairs:
             output_format(target, args.format, args.subtype)
-        for folder in {os.path.dirname(os.path.abspath(target)) for _, target in pairs}:
-            os.makedirs(folder, exist_ok=True)
+            check_destination(target)
     except (ValueError, OSError) as e:
         return _fail(str(e))
+    report = sys.stderr if args.output == STDIO else sys.stdout     # standard output may carry the audio
     failures, results = 0, []
     start = time.perf_counter()
     with progress_bar(total_seconds(args.inputs)) as bar:
         for source, target in pairs:
             try:
-                if os.path.exists(target) and os.path.samefile(source, target):
+                if STDIO not in (source, target) and os.path.exists(target) and os.path.samefile(source, target):
                     raise ValueError(f"{target} is the input itself; choose another output")
                 results.append(convert_file(models, source, target, rate=args.rate, format_name=args.format,
                                             subtype=args.subtype, speaker=args.speaker,
@@ -133,21 +205,29 @@ def cmd_convert(args):
                 bar.write(f"corvina: {e}", file=sys.stderr)
     wall = time.perf_counter() - start
     for r in results:
-        notes = [f"{r.clipped} samples clipped" if r.clipped else "",
-                 f"{r.nonfinite} non-finite input samples replaced by silence" if r.nonfinite else ""]
-        if any(notes):
-            print(f"{r.output}: " + ", ".join(n for n in notes if n), file=sys.stderr)
+        for note in r.warnings():
+            print(f"corvina: warning: {display_name(r.source)}: {note}", file=sys.stderr)
+    print(closing_line(results, len(pairs), failures, wall), file=report)
+    return 1 if failures else 0
+
+
+def closing_line(results, planned, failures, wall):
+    """The closing line: files converted and failed; audio and processing
+    time, and the real-time factor where there was enough audio to time."""
+    line = f"converted {len(results)} of {planned} file(s)" + (f", {failures} failed" if failures else "")
+    if not results:
+        return line
     audio = sum(r.seconds for r in results)
     processing = sum(r.processing for r in results)
-    rtf = processing / audio if audio else 0.0
-    print(f"converted {len(results)} of {len(pairs)} file(s): {audio:.2f} s of audio in {processing:.2f} s "
-          f"({wall:.2f} s in all), real-time factor {rtf:.3f}")
-    return 1 if failures else 0
+    line += f": {audio:.2f} s of audio in {processing:.2f} s ({wall:.2f} s in all)"
+    if audio >= MIN_TIMED_SECONDS:
+        line += f", real-time factor {processing / audio:.3f}"
+    return line
 
 
 def cmd_info(args):
     from .info import describe
-    lines, ok = describe(args.path)
+    lines, ok = describe(model_directory(args.path))
     print("\n".join(lines))
     return 0 if ok else 1
 
@@ -155,9 +235,10 @@ def cmd_info(args):
 def cmd_bench(args):
     from .bench import summary, time_frames
     with tempfile.TemporaryDirectory(prefix="corvina-bench-") as scratch:
-        if args.model:
-            models = _load(args.model)
-            print(f"model {args.model}")
+        directory = model_directory(args.model)
+        if directory:
+            models = _load(directory)
+            print(f"model directory: {directory}")
         else:
             from .test_model import write_test_model
             models = _load(write_test_model(scratch))
@@ -194,11 +275,9 @@ def cmd_live(args):
     from .live import LiveError, import_sounddevice, run_live
     if args.list_devices:
         return _list_devices()
-    if not args.model:
-        return _fail("live: a model directory is needed (--model DIR)", 2)
     try:
         sd = import_sounddevice()
-        models = _load(args.model)
+        models = _load(model_directory(args.model))
         run_live(lambda i, o: Converter(models, i, o, speaker=args.speaker, pitch_shift=args.pitch,
                                         quality=args.quality),
                  sd, args.input, args.output, seconds=args.seconds)

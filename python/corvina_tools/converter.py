@@ -15,6 +15,26 @@ IN_RATE, OUT_RATE = corvina.IN_SAMPLE_RATE, corvina.OUT_SAMPLE_RATE
 IN_HOP, OUT_HOP = corvina.IN_HOP_LENGTH, corvina.OUT_HOP_LENGTH
 BINS_PER_SEMITONE = corvina.PITCH_BINS_PER_OCTAVE // 12
 LOWEST_BIN, HIGHEST_BIN = 1, corvina.PITCH_BINS - 1
+# The largest shift the bins can express: from the lowest bin to the highest.
+MAX_PITCH_SHIFT = (HIGHEST_BIN - LOWEST_BIN) / BINS_PER_SEMITONE        # 47.75 semitones
+SPEAKER_CHOICES = "a row index (int), a {row: weight} dict or a sequence of one weight per row"
+
+
+def checked_pitch_shift(semitones):
+    """semitones as a float, or ValueError if it is not a finite shift the
+    pitch bins can express."""
+    try:
+        value = float(semitones)
+    except (TypeError, ValueError):
+        value = math.nan
+    if not (math.isfinite(value) and abs(value) <= MAX_PITCH_SHIFT):
+        raise ValueError(f"pitch shift must be a number of semitones from {-MAX_PITCH_SHIFT} to "
+                         f"{MAX_PITCH_SHIFT} (the span of the pitch bins), not {semitones!r}")
+    return value
+
+
+def _is_row_index(value):
+    return isinstance(value, (numbers.Integral, np.integer)) and not isinstance(value, (bool, np.bool_))
 
 
 class Latency(NamedTuple):
@@ -81,7 +101,8 @@ class Converter:
     models: a ModelSet; one may serve many converters.
     input_rate, output_rate: sample rates of what goes in and comes out.
     speaker: a speaker row index, or weights over rows (see `speaker`).
-    pitch_shift: semitones, applied to the estimated pitch.
+    pitch_shift: semitones, applied to the estimated pitch; at most
+        MAX_PITCH_SHIFT (47.75) either way, the span of the pitch bins.
     quality: the soxr resampler quality; higher holds back more audio.
     chain: stands in for the three models (for tests); default the engine.
     Settings take effect at the next frame.
@@ -109,18 +130,20 @@ class Converter:
 
     @speaker.setter
     def speaker(self, choice):
-        """An int picks one row; a mapping {row: weight} or a sequence of one
+        """An int picks one row; a dict {row: weight} or a sequence of one
         weight per row mixes rows (weights are normalised to sum to one)."""
         rows = self.models.speakers
-        if isinstance(choice, (int, np.integer)):
+        if _is_row_index(choice):
             weights = {int(choice): 1.0}
-        elif isinstance(choice, dict):
+        elif isinstance(choice, dict) and all(_is_row_index(k) for k in choice):
             weights = {int(k): float(v) for k, v in choice.items()}
-        else:
-            values = [float(v) for v in choice]
+        elif isinstance(choice, (list, tuple, np.ndarray)):
+            values = [float(v) for v in np.ravel(choice)]
             if len(values) != len(rows):
-                raise ValueError(f"expected {len(rows)} speaker weights, got {len(values)}")
+                raise ValueError(f"expected {len(rows)} speaker weights, one per row, got {len(values)}")
             weights = dict(enumerate(values))
+        else:
+            raise TypeError(f"speaker must be {SPEAKER_CHOICES}, not {choice!r}")
         bad = [k for k in weights if not 0 <= k < len(rows)]
         if bad:
             raise ValueError(f"speaker {bad[0]} out of range: the model has {len(rows)} speakers (0..{len(rows) - 1})")
@@ -138,9 +161,8 @@ class Converter:
 
     @pitch_shift.setter
     def pitch_shift(self, semitones):
-        semitones = float(semitones)
-        if not math.isfinite(semitones):
-            raise ValueError("pitch shift must be a finite number of semitones")
+        """Semitones, at most MAX_PITCH_SHIFT either way."""
+        semitones = checked_pitch_shift(semitones)
         self._shift_bins = int(round(semitones * BINS_PER_SEMITONE))
         self._pitch_shift = semitones
 

@@ -8,6 +8,8 @@ import os
 import stat
 from dataclasses import dataclass
 
+import numpy as np
+
 SPEAKER_ROW_BYTES = 512          # 256 half floats
 SPEAKER_CHANNELS = 256
 
@@ -49,8 +51,9 @@ def size_fits(model_file, size):
 
 
 def open_checked(path, model_file):
-    """Open a model file for reading and check it; returns the open file
-    descriptor (the caller closes it) or raises ModelError.
+    """Open a model file for reading and check it (size, readable to the
+    end, finite values); returns the open file descriptor (the caller closes
+    it) or raises ModelError.
 
     The checks run on the opened descriptor, so what was checked is the file
     that is read even if the name is replaced in the meantime.
@@ -70,14 +73,25 @@ def open_checked(path, model_file):
         if not size_fits(model_file, info.st_size):
             raise ModelError(path, what, f"{info.st_size} bytes")
         try:
-            if len(os.pread(fd, 1, info.st_size - 1)) != 1:
-                raise ModelError(path, what, "a file that ends early")
+            data = os.pread(fd, info.st_size, 0)
         except OSError as e:
             raise ModelError(path, what, f"a file that cannot be read ({e.strerror})") from None
+        if len(data) != info.st_size:
+            raise ModelError(path, what, "a file that ends early")
+        bad = nonfinite_halves(data)
+        if bad:
+            raise ModelError(path, "finite values only", f"{bad} non-finite values")
         return fd
     except BaseException:
         os.close(fd)
         raise
+
+
+def nonfinite_halves(data):
+    """How many of the little-endian half floats in data are infinite or NaN
+    (all exponent bits set); one such weight can make every output sample NaN."""
+    exponent = np.frombuffer(data, "<u2") & 0x7C00
+    return int(np.count_nonzero(exponent == 0x7C00))
 
 
 def engine_path(fd, path):
