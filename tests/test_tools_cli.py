@@ -106,12 +106,18 @@ def test_bench_reports_every_model(model_dir, capsys):
                                           "chain", "real-time factor", "streams per core"))
 
 
-def test_demo_writes_its_files(tmp_path):
+def test_demo_converts_into_every_voice(model_dir, tmp_path):
     from corvina_tools import demo
     lines = []
-    demo.run_demo(str(tmp_path), seconds=0.5, report=lines.append)
-    assert sorted(os.listdir(tmp_path)) == ["converted.wav", "converted_mix_up4.wav", "input.wav"]
-    for name in ("converted.wav", "converted_mix_up4.wav"):
+    demo.run_demo(str(tmp_path), model_dir, report=lines.append)
+    x, rate = sf.read(tmp_path / "input.wav")
+    outputs = sorted(f for f in os.listdir(tmp_path) if f.startswith("speaker"))
+    assert rate == 16000 and outputs == ["speaker0_row-0.wav", "speaker0_row-0_up4.wav", "speaker1_row-1.wav",
+                                         "speaker2_row-2.wav"]
+    for name in outputs:
         y, rate = sf.read(tmp_path / name)
-        assert rate == 24000 and len(y) == 12000 and np.isfinite(y).all() and y.std() > 1e-3
-    assert any("real-time factor" in line for line in lines) and any("untrained" in line for line in lines)
+        assert rate == 24000 and len(y) == len(x) * 3 // 2 and np.isfinite(y).all() and y.std() > 1e-3
+    assert (tmp_path / "spectrograms.png").read_bytes()[:8] == b"\x89PNG\r\n\x1a\n"
+    assert any("real-time factor" in line for line in lines)
+
+

@@ -8,13 +8,14 @@ import tempfile
 import threading
 import time
 
+from .default_model import default_model_dir
 from .model_files import ModelError
 
 UNTRAINED = ("The model is untrained: random, well-conditioned weights that turn speech into "
              "noise-like audio. It exists to try the tools and measure speed.")
-# The model directory used when none is named; None while the package ships
-# none. Naming one here makes --model optional in every command.
-DEFAULT_MODEL = None
+# The model directory used when none is named: the packaged default model
+# (None in an installation without one, where --model is then required).
+DEFAULT_MODEL = default_model_dir()
 MODEL_REQUIRED = DEFAULT_MODEL is None
 # Audio shorter than this gives no real-time factor: start-up would dominate it.
 MIN_TIMED_SECONDS = 1.0
@@ -57,7 +58,8 @@ def parse_pitch(text):
 
 
 def _add_model_option(p, required=MODEL_REQUIRED):
-    p.add_argument("-m", "--model", required=required, help="model directory")
+    p.add_argument("-m", "--model", required=required,
+                   help="model directory" + ("" if DEFAULT_MODEL is None else " (default: the packaged default model)"))
 
 
 def _add_voice_options(p):
@@ -95,10 +97,12 @@ def build_parser():
     p.add_argument("--subtype", help="output sample type, e.g. PCM_16, PCM_24, FLOAT (default: the format's)")
     _add_quality_option(p, "HQ")
 
-    p = sub.add_parser("info", help="describe a model directory, parameter file or speaker file")
+    p = sub.add_parser("info", help="describe a model directory, parameter file or speaker file "
+                                    "(default: the packaged default model)")
     p.add_argument("path", nargs=None if MODEL_REQUIRED else "?")
 
-    p = sub.add_parser("bench", help="time the models per frame; without --model a generated test model is used")
+    p = sub.add_parser("bench", help="time the models per frame (weights do not change the timing; without "
+                                     "--model and a default model, a generated test model is used)")
     _add_model_option(p, required=False)
     p.add_argument("-n", "--frames", type=int, default=1000, help="frames to time (default 1000)")
 

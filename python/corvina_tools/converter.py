@@ -11,12 +11,17 @@ import soxr
 
 import corvina
 
+from .pitch_bins import BINS, BINS_PER_OCTAVE, BINS_PER_SEMITONE, HIGHEST_BIN, LOWEST_BIN, MAX_SHIFT_SEMITONES
+
+# The mapping of bins to hertz lives in pitch_bins; it must describe the engine's bins.
+if (BINS, BINS_PER_OCTAVE) != (corvina.PITCH_BINS, corvina.PITCH_BINS_PER_OCTAVE):
+    raise ImportError(f"corvina_tools.pitch_bins ({BINS} bins, {BINS_PER_OCTAVE} an octave) does not match the "
+                      f"engine ({corvina.PITCH_BINS}, {corvina.PITCH_BINS_PER_OCTAVE})")
+
 IN_RATE, OUT_RATE = corvina.IN_SAMPLE_RATE, corvina.OUT_SAMPLE_RATE
 IN_HOP, OUT_HOP = corvina.IN_HOP_LENGTH, corvina.OUT_HOP_LENGTH
-BINS_PER_SEMITONE = corvina.PITCH_BINS_PER_OCTAVE // 12
-LOWEST_BIN, HIGHEST_BIN = 1, corvina.PITCH_BINS - 1
 # The largest shift the bins can express: from the lowest bin to the highest.
-MAX_PITCH_SHIFT = (HIGHEST_BIN - LOWEST_BIN) / BINS_PER_SEMITONE        # 47.75 semitones
+MAX_PITCH_SHIFT = MAX_SHIFT_SEMITONES          # 47.75: the span of the pitch bins
 SPEAKER_CHOICES = "a row index (int), a {row: weight} dict or a sequence of one weight per row"
 
 

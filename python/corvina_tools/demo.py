@@ -2,6 +2,7 @@
 model was not trained on, converted to every default speaker and once with
 the pitch raised, written as WAV files with a spectrogram picture."""
 import os
+import re
 import shutil
 import subprocess
 import tempfile
@@ -51,9 +52,10 @@ def run_demo(output_dir, model_dir, report=print):
     seconds = len(x) / IN_RATE
     report(f"input: \"{SENTENCE}\" spoken by {source}, {seconds:.1f} s")
     sf.write(os.path.join(output_dir, "input.wav"), x, IN_RATE)
-    runs = [(f"speaker{row}_{name}.wav", f"speaker {row} ({name})", {"speaker": row})
-            for row, name in enumerate(names)]
-    runs.append((f"speaker0_{names[0]}_up{PITCH_SHIFT:g}.wav",
+    slugs = [re.sub(r"[^A-Za-z0-9_-]+", "-", name) for name in names]
+    runs = [(f"speaker{row}_{slug}.wav", f"speaker {row} ({name})", {"speaker": row})
+            for row, (name, slug) in enumerate(zip(names, slugs))]
+    runs.append((f"speaker0_{slugs[0]}_up{PITCH_SHIFT:g}.wav",
                  f"speaker 0, pitch +{PITCH_SHIFT:g} semitones", {"speaker": 0, "pitch_shift": PITCH_SHIFT}))
     pictures, audio_seconds, busy = [(x, IN_RATE)], 0.0, 0.0
     for name, what, settings in runs:

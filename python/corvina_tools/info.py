@@ -31,6 +31,7 @@ def describe(path):
             lines.append(line)
             ok &= good
         lines.append("  complete model set" if ok else "  NOT usable as a model set")
+        lines += _about(path, ok)
         return lines, ok
     if not os.path.exists(path):
         return [f"{path}: no such file or directory"], False
@@ -42,3 +43,20 @@ def describe(path):
         return [f"{path}: not a model file ({found}); expected {sizes}"], False
     line, ok = describe_file(path, model_file)
     return [f"{path}:", line], ok
+
+
+def _about(directory, ok):
+    """What the directory says of itself: whether it is the packaged default
+    model, its speakers' names and its model card."""
+    from .default_model import default_model_dir, speaker_names
+    lines = []
+    default = default_model_dir()
+    if default and os.path.realpath(default) == os.path.realpath(directory):
+        lines.append("  the packaged default model")
+    if ok and os.path.exists(os.path.join(directory, "speakers.json")):
+        count = os.path.getsize(os.path.join(directory, SPEAKERS.file_name)) // SPEAKER_ROW_BYTES
+        lines.append("  speakers: " + ", ".join(f"{i} {name}" for i, name in enumerate(speaker_names(directory, count))))
+    card = os.path.join(directory, "README.md")
+    if os.path.exists(card):
+        lines.append(f"  model card: {card}")
+    return lines

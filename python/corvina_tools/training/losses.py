@@ -74,12 +74,18 @@ def edit_distance(a, b):
     return int(previous[-1])
 
 
-def collapse(labels, blank=0):
-    """Frame labels -> the sequence of distinct non-blank labels."""
+def collapse(labels, blank=0, min_run=3):
+    """Frame labels -> the sequence of phones: runs shorter than `min_run`
+    frames (30 ms, shorter than a spoken phone) are dropped as flicker,
+    repeats merge unless a pause separates them, pauses are left out."""
+    runs, start = [], 0
+    for i in range(1, len(labels) + 1):
+        if i == len(labels) or labels[i] != labels[start]:
+            if i - start >= min_run:
+                runs.append(int(labels[start]))
+            start = i
     out = []
-    for x in labels:
-        if x != blank and (not out or out[-1] != x):
-            out.append(int(x))
-        elif x == blank and out and out[-1] != -1:
-            out.append(-1)         # a pause separates repeats
-    return [x for x in out if x != -1]
+    for x in runs:
+        if not out or out[-1] != x:
+            out.append(x)
+    return [x for x in out if x != blank]
