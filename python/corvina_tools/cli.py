@@ -73,6 +73,16 @@ def build_parser():
                        description="Generate a test model and a speech-like input, convert it, write the "
                                    "WAV files and print the real-time factor. " + UNTRAINED)
     p.add_argument("-o", "--output", default="demo-output", help="folder for the WAV files (default demo-output)")
+
+    p = sub.add_parser("serve", help="serve conversion over WebSockets and HTTP (needs corvina[serve])",
+                       description="Stream conversion to many clients at once, batched every 10 ms; "
+                                   "a page for the browser at /. Without --model: " + UNTRAINED)
+    p.add_argument("-m", "--model", help="model directory (default: the default model)")
+    p.add_argument("--host", default="127.0.0.1", help="address to listen on (default 127.0.0.1)")
+    p.add_argument("--port", type=int, default=8000, help="port (default 8000)")
+    p.add_argument("--max-streams", type=int, default=16, help="streams at once; more are refused (default 16)")
+    p.add_argument("--token", help="require this bearer token (default: $CORVINA_TOKEN if set)")
+    _add_quality_option(p, "LQ")
     return parser
 
 
@@ -205,8 +215,22 @@ def cmd_demo(args):
     return 0
 
 
+def cmd_serve(args):
+    try:
+        import starlette  # noqa: F401
+        import uvicorn  # noqa: F401
+
+        from .server import Limits, run_server
+    except ImportError as e:
+        return _fail(f"serve: {e.name} is missing; install corvina[serve]")
+    if args.max_streams < 1:
+        return _fail("--max-streams must be at least 1", 2)
+    run_server(args.model, args.host, args.port, Limits(max_streams=args.max_streams), args.token, args.quality)
+    return 0
+
+
 COMMANDS = {"convert": cmd_convert, "info": cmd_info, "bench": cmd_bench,
-            "make-test-model": cmd_make_test_model, "live": cmd_live, "demo": cmd_demo}
+            "make-test-model": cmd_make_test_model, "live": cmd_live, "demo": cmd_demo, "serve": cmd_serve}
 
 if __name__ == "__main__":
     sys.exit(main())

@@ -1,0 +1,27 @@
+"""`corvina serve`: converted voice over WebSockets for many streams at
+once, batched by one scheduler per process (needs the `serve` extra)."""
+import os
+import tempfile
+from typing import Optional
+
+from .protocol import Limits
+
+
+def default_model_dir() -> str:
+    """The model served when none is named: a generated test model until a
+    trained default voice ships with the package."""
+    from ..test_model import write_test_model
+    return write_test_model(tempfile.mkdtemp(prefix="corvina-serve-model-"))
+
+
+def run_server(model_dir: Optional[str] = None, host: str = "127.0.0.1", port: int = 8000,
+               limits: Limits = Limits(), token: Optional[str] = None, quality: str = "LQ",
+               log_level: str = "info"):
+    import uvicorn
+
+    from ..model_set import ModelSet
+    from .app import ServerState, create_app
+    models = ModelSet.load(model_dir or default_model_dir())
+    token = token if token is not None else os.environ.get("CORVINA_TOKEN") or None
+    app = create_app(ServerState(models, limits, token, quality))
+    uvicorn.run(app, host=host, port=port, ws_max_size=limits.max_message_bytes, log_level=log_level)
