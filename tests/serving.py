@@ -37,7 +37,7 @@ def running_server(models, **state_options):
         thread.join()
 
 
-def stream_blocks(address, start, blocks, controls=(), fmt="f32le", headers=None):
+def stream_blocks(address, start, blocks, controls=(), fmt="f32le", headers=None, pace=0.0):
     """Send `start`, then the blocks (with {index: control} sent before the
     block at that index), then "end"; returns the converted samples as
     float32 in the stream's format, and the closing messages."""
@@ -51,6 +51,7 @@ def stream_blocks(address, start, blocks, controls=(), fmt="f32le", headers=None
             if i in controls:
                 ws.send(json.dumps(dict(type="control", **controls[i])))
             ws.send(np.asarray(block, dtype).tobytes())
+            time.sleep(pace)
         ws.send(json.dumps({"type": "end"}))
         out, texts = [], []
         for message in ws:
@@ -59,3 +60,20 @@ def stream_blocks(address, start, blocks, controls=(), fmt="f32le", headers=None
             else:
                 texts.append(json.loads(message))
     return (np.concatenate(out) if out else np.zeros(0, dtype)), texts
+
+
+def close_reason(address, messages, headers=None, pause=0.0):
+    """Send the messages (text or bytes) and read until the server closes;
+    returns its close code and reason (None, "" if it never did)."""
+    from websockets.exceptions import ConnectionClosed
+    with connect(f"ws://{address}/stream", additional_headers=headers, max_size=None) as ws:
+        try:
+            for message in messages:
+                ws.send(message)
+                time.sleep(pause)
+            while True:
+                ws.recv(timeout=10)
+        except ConnectionClosed as closed:
+            return (closed.rcvd.code, closed.rcvd.reason) if closed.rcvd else (None, "")
+        except TimeoutError:
+            return None, ""
