@@ -16,12 +16,12 @@ def default_model_dir() -> str:
 
 def run_server(model_dir: Optional[str] = None, host: str = "127.0.0.1", port: int = 8000,
                limits: Limits = Limits(), token: Optional[str] = None, quality: str = "LQ",
-               log_level: str = "info"):
+               log_level: str = "info", workers: int = 1):
     import uvicorn
 
     from ..model_set import ModelSet
     from .app import ServerState, create_app
     models = ModelSet.load(model_dir or default_model_dir())
     token = token if token is not None else os.environ.get("CORVINA_TOKEN") or None
-    app = create_app(ServerState(models, limits, token, quality))
+    app = create_app(ServerState(models, limits, token, quality, workers))
     uvicorn.run(app, host=host, port=port, ws_max_size=limits.max_message_bytes, log_level=log_level)

@@ -33,11 +33,12 @@ class ServerState:
     limits: Limits = field(default_factory=Limits)
     token: Optional[str] = None
     quality: str = "LQ"
+    workers: int = 1
     metrics: Metrics = field(default_factory=Metrics)
     open_streams: int = 0
 
     def __post_init__(self):
-        self.scheduler = Scheduler(self.models, self.metrics)
+        self.scheduler = Scheduler(self.models, self.metrics, workers=self.workers)
         self.file_slots = asyncio.Semaphore(1)     # one file at a time beside the streams
 
 

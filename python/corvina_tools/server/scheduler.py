@@ -4,6 +4,9 @@ layer's weights are fetched once per tick for all the streams. The batch
 calls release the interpreter lock, so the event loop keeps serving sockets
 while a tick runs."""
 import collections
+import concurrent.futures
+import math
+import sys
 import threading
 import time
 from typing import Callable, NamedTuple, Optional
@@ -15,6 +18,8 @@ from ..model_set import ModelSet
 from .metrics import Metrics
 
 TICK_SECONDS = IN_HOP / IN_RATE
+SWITCH_INTERVAL = 0.0005
+MIN_PART = 2                 # streams a worker thread takes at the least
 
 
 class Frame(NamedTuple):
@@ -62,8 +67,11 @@ class Scheduler:
     10 ms on an absolute clock. A tick that ends after its deadline counts as
     missed; the next one then starts at once."""
 
-    def __init__(self, models: ModelSet, metrics: Optional[Metrics] = None, tick_seconds: float = TICK_SECONDS):
+    def __init__(self, models: ModelSet, metrics: Optional[Metrics] = None, tick_seconds: float = TICK_SECONDS,
+                 workers: int = 1):
         self.models = models
+        self.workers = max(1, workers)
+        self._pool = concurrent.futures.ThreadPoolExecutor(self.workers - 1) if self.workers > 1 else None
         self.metrics = metrics or Metrics()
         self.tick_seconds = tick_seconds
         self._streams: list = []
@@ -86,6 +94,9 @@ class Scheduler:
             self._streams = [s for s in self._streams if s is not stream]
 
     def start(self):
+        # Between its batch calls the scheduler needs the interpreter lock
+        # back from the event loop at once, not after the default 5 ms.
+        sys.setswitchinterval(SWITCH_INTERVAL)
         self._thread = threading.Thread(target=self._run, name="corvina-scheduler", daemon=True)
         self._thread.start()
 
@@ -99,7 +110,7 @@ class Scheduler:
         try:
             while not self._stop.is_set():
                 start = time.monotonic()
-                frames = self.tick()
+                frames = self.tick(deadline)
                 end = time.monotonic()
                 missed = end > deadline
                 self.metrics.record_tick(end - start, frames, missed)
@@ -112,20 +123,22 @@ class Scheduler:
             self.error = e
             raise
 
-    def tick(self) -> int:
-        """One frame of every stream that has one through the chain; returns
-        how many frames ran."""
-        streams, frames = [], []
-        for stream in self._streams:
-            if stream.queue:
-                frame = stream.queue.popleft()
-                if frame.samples is None:
-                    stream.deliver(np.zeros(0, np.float32), True)
-                else:
-                    streams.append(stream)
-                    frames.append(frame)
-        if not streams:
-            return 0
+    def tick(self, deadline: float = math.inf) -> int:
+        """One frame of every stream that has one through the chain; then,
+        while the deadline allows, one more of each stream that was already
+        further behind when the tick began (a late or bursty client), so a
+        backlog drains instead of adding to the stream's latency for good.
+        Returns how many frames ran."""
+        waiting = [(s, len(s.queue)) for s in self._streams if s.queue]
+        started, ran = time.monotonic(), 0
+        for pass_ in range(max((n for _, n in waiting), default=0)):
+            now = time.monotonic()
+            if pass_ and now + (now - started) / pass_ > deadline:
+                break
+            ran += self._run_batch([s for s, n in waiting if n > pass_])
+        return ran
+
+    def _compute(self, streams, frames):
         m = self.models
         x = np.stack([f.samples for f in frames])
         contexts = [s.converter.contexts for s in streams]
@@ -137,4 +150,25 @@ class Scheduler:
         for stream, frame, samples in zip(streams, frames, out):
             stream.converter.frames += 1
             stream.deliver(samples[:OUT_HOP - frame.cut], frame.last)
+
+    def _run_batch(self, candidates) -> int:
+        streams, frames = [], []
+        for stream in candidates:
+            frame = stream.queue.popleft()
+            if frame.samples is None:
+                stream.deliver(np.zeros(0, np.float32), True)
+            else:
+                streams.append(stream)
+                frames.append(frame)
+        if not streams:
+            return 0
+        # Wide batches are split over the worker threads: the batch calls
+        # release the interpreter lock, so the parts run on separate cores.
+        parts = min(self.workers, len(streams) // MIN_PART)
+        bounds = np.linspace(0, len(streams), max(parts, 1) + 1).astype(int)
+        pieces = [(streams[a:b], frames[a:b]) for a, b in zip(bounds[:-1], bounds[1:])]
+        helpers = [self._pool.submit(self._compute, *piece) for piece in pieces[1:]]
+        self._compute(*pieces[0])
+        for helper in helpers:
+            helper.result()
         return len(frames)
