@@ -53,7 +53,7 @@ def stream_blocks(address, start, blocks, controls=(), fmt="f32le", headers=None
             ws.send(np.asarray(block, dtype).tobytes())
             time.sleep(pace)
         ws.send(json.dumps({"type": "end"}))
-        out, texts = [], []
+        out, texts = [], [ready]
         for message in ws:
             if isinstance(message, bytes):
                 out.append(np.frombuffer(message, dtype))

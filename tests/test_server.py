@@ -60,24 +60,36 @@ def blocks_of(case, seed):
     return [x[i:i + case["block"]] for i in range(0, len(x), case["block"])]
 
 
+def stream_case(address, k, case, seconds=0.0):
+    """Stream case k through the server, spread over `seconds`."""
+    blocks = blocks_of(case, SEED + k)
+    start = dict(type="start", **{key: case[key] for key in ("input_rate", "output_rate", "format", "speaker", "pitch")})
+    return stream_blocks(address, start, blocks, {5: case["control"]}, case["format"], pace=seconds / len(blocks))
+
+
+def assert_offline(models, k, case, result):
+    got, texts = result
+    expected = offline(models, case, blocks_of(case, SEED + k))
+    assert texts[0]["type"] == "ready" and texts[-1]["type"] == "done", texts
+    assert got.dtype == expected.dtype and len(got) == len(expected), f"seed {SEED}, case {k}"
+    np.testing.assert_array_equal(got, expected, err_msg=f"seed {SEED}, case {k}: {case}")
+
+
+def in_threads(*jobs):
+    threads = [threading.Thread(target=job) for job in jobs]
+    for t in threads:
+        t.start()
+    for t in threads:
+        t.join()
+
+
 def test_concurrent_streams_match_the_offline_converter(models):
     results = {}
     with running_server(models) as (address, state):
-        def run(k, case):
-            start = {key: case[key] for key in ("input_rate", "output_rate", "format", "speaker", "pitch")}
-            results[k] = stream_blocks(address, dict(type="start", **start), blocks_of(case, SEED + k),
-                                       {5: case["control"]}, case["format"])
-        threads = [threading.Thread(target=run, args=(k, case)) for k, case in enumerate(CASES)]
-        for t in threads:
-            t.start()
-        for t in threads:
-            t.join()
+        in_threads(*(lambda k=k, case=case: results.__setitem__(k, stream_case(address, k, case))
+                     for k, case in enumerate(CASES)))
     for k, case in enumerate(CASES):
-        got, texts = results[k]
-        expected = offline(models, case, blocks_of(case, SEED + k))
-        assert texts[-1]["type"] == "done", texts
-        assert got.dtype == expected.dtype and len(got) == len(expected), f"case {k}"
-        np.testing.assert_array_equal(got, expected, err_msg=f"case {k}: {case}")
+        assert_offline(models, k, case, results[k])
     assert state.metrics.largest_batch > 1, "the streams never shared a tick"
 
 

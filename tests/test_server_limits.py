@@ -12,7 +12,7 @@ import pytest
 
 from serving import close_reason, connect, running_server, stream_blocks
 from corvina_tools.server.protocol import Limits
-from test_server import CASES, SEED, blocks_of, offline
+from test_server import CASES, SEED, assert_offline, in_threads, stream_case
 
 START = json.dumps({"type": "start"})
 S16 = json.dumps({"type": "start", "format": "s16le"})
@@ -138,12 +138,6 @@ def test_fuzzed_clients_leave_other_streams_bit_identical(server):
     good = CASES[:3]
     results, codes = {}, []
 
-    def run_good(k, case):
-        start = {key: case[key] for key in ("input_rate", "output_rate", "format", "speaker", "pitch")}
-        blocks = blocks_of(case, SEED + k)
-        results[k] = stream_blocks(address, dict(type="start", **start), blocks, {5: case["control"]},
-                                   case["format"], pace=0.6 / len(blocks))
-
     def run_bad():
         for _ in range(25):
             if rng.random() < 0.15:
@@ -151,24 +145,18 @@ def test_fuzzed_clients_leave_other_streams_bit_identical(server):
             else:
                 codes.append(close_reason(address, fuzz_messages(rng)))
 
-    threads = [threading.Thread(target=run_good, args=(k, case)) for k, case in enumerate(good)]
-    threads.append(threading.Thread(target=run_bad))
-    for t in threads:
-        t.start()
-    for t in threads:
-        t.join()
+    in_threads(run_bad, *(lambda k=k, case=case: results.__setitem__(k, stream_case(address, k, case, 0.6))
+                          for k, case in enumerate(good)))
     for k, case in enumerate(good):
-        got, texts = results[k]
-        np.testing.assert_array_equal(got, offline(state.models, case, blocks_of(case, SEED + k)),
-                                      err_msg=f"seed {SEED}, case {k}")
+        assert_offline(state.models, k, case, results[k])
     unclear = [c for c in codes if c[0] not in (1000, 1003, 1007, 1008, 1009) or not c[1]]
     assert not unclear and len(codes) > 15
     assert state.scheduler.error is None and state.open_streams == 0
 
 
-def test_the_load_test_gets_every_block_back(server):
+def test_the_load_test_gets_every_block_back(models):
     from corvina_tools.server.loadtest import bench
-    address, state = server
-    result = bench(f"ws://{address}/stream", streams=4, seconds=1.0)
-    assert (result.failed_streams, result.blocks, result.returned) == (0, 400, 400)
+    with running_server(models) as (address, state):      # default limits: 1 s never backs up 2 s
+        result = bench(f"ws://{address}/stream", streams=4, seconds=1.0)
+    assert (result.failed_streams, result.blocks, result.returned) == (0, 400, 400), result.first_failure
     assert state.metrics.largest_batch >= 2

@@ -34,6 +34,7 @@ class ServerState:
     token: Optional[str] = None
     quality: str = "LQ"
     workers: int = 1
+    name: str = ""                                 # told to clients: which replica serves them
     metrics: Metrics = field(default_factory=Metrics)
     open_streams: int = 0
 

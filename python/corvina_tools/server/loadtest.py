@@ -41,13 +41,15 @@ class BenchResult:
     tick_p50_ms: float
     tick_p99_ms: float
     failed_streams: int
+    first_failure: str = ""
 
     def line(self) -> str:
         return (f"{self.streams:3d} streams: latency p50 {self.p50_ms:6.1f} ms, p99 {self.p99_ms:6.1f} ms, "
                 f"max {self.max_ms:6.1f} ms; gaps {self.gaps} of {self.blocks} blocks; missed ticks "
                 f"{self.missed_ticks} of {self.ticks}; tick p50 {self.tick_p50_ms:.1f} ms, "
                 f"p99 {self.tick_p99_ms:.1f} ms" + (f"; {self.failed_streams} streams failed"
-                                                    if self.failed_streams else ""))
+                                                    if self.failed_streams else "")
+                + (f" ({self.first_failure})" if self.first_failure else ""))
 
 
 async def one_client(url: str, seconds: float, offset: float, cushion: float, token: Optional[str]):
@@ -117,7 +119,8 @@ def bench(url: str, streams: int, seconds: float = 10.0, cushion: float = 0.02,
                        sum(r[1] for r in ok) + failed * n_blocks,
                        int(after["corvina_ticks_total"] - before["corvina_ticks_total"]),
                        int(after["corvina_missed_ticks_total"] - before["corvina_missed_ticks_total"]),
-                       after.get(quantile % 0.5, 0) * 1000, after.get(quantile % 0.99, 0) * 1000, failed)
+                       after.get(quantile % 0.5, 0) * 1000, after.get(quantile % 0.99, 0) * 1000, failed,
+                       next((repr(r) for r in results if isinstance(r, BaseException)), ""))
 
 
 def free_port() -> int:

@@ -124,7 +124,8 @@ class StreamConnection:
         self.server.scheduler.add(self.stream)
         self.server.metrics.streams_total += 1
         self.outbox.put_nowait({"type": "ready", "latency_ms": round(converter.latency.seconds * 1000, 2),
-                                "speakers": self.server.models.n_speakers, "frame_ms": 10})
+                                "speakers": self.server.models.n_speakers, "frame_ms": 10,
+                                "server": self.server.name})
 
     def _apply_controls(self, converter=None):
         converter = converter or self.stream.converter
