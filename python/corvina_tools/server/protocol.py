@@ -45,6 +45,7 @@ class Limits:
     max_backlog_seconds: float = 2.0         # audio queued for the scheduler before "too fast"
     max_unsent_blocks: int = 200             # converted blocks a client has not taken (about 2 s)
     max_upload_bytes: int = 64 * 1024 * 1024
+    start_timeout_seconds: float = 10.0      # a connection holds a stream's place only so long without "start"
 
 
 class ProtocolError(Exception):

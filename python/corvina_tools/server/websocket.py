@@ -87,7 +87,13 @@ class StreamConnection:
         """Returns when the client disconnects; raises ProtocolError on bad input."""
         limits, n_speakers = self.limits, self.server.models.n_speakers
         while True:
-            message = await self.ws.receive()
+            if self.settings is None:
+                try:
+                    message = await asyncio.wait_for(self.ws.receive(), limits.start_timeout_seconds)
+                except asyncio.TimeoutError:
+                    raise ProtocolError(POLICY, f"no start message within {limits.start_timeout_seconds:g} s") from None
+            else:
+                message = await self.ws.receive()
             if message["type"] == "websocket.disconnect":
                 return
             text, data = message.get("text"), message.get("bytes")
