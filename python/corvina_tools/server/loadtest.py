@@ -40,6 +40,7 @@ class BenchResult:
     missed_ticks: int
     tick_p50_ms: float
     tick_p99_ms: float
+    tick_cpu_p50_ms: float
     failed_streams: int
     first_failure: str = ""
 
@@ -47,7 +48,7 @@ class BenchResult:
         return (f"{self.streams:3d} streams: latency p50 {self.p50_ms:6.1f} ms, p99 {self.p99_ms:6.1f} ms, "
                 f"max {self.max_ms:6.1f} ms; gaps {self.gaps} of {self.blocks} blocks; missed ticks "
                 f"{self.missed_ticks} of {self.ticks}; tick p50 {self.tick_p50_ms:.1f} ms, "
-                f"p99 {self.tick_p99_ms:.1f} ms" + (f"; {self.failed_streams} streams failed"
+                f"p99 {self.tick_p99_ms:.1f} ms, CPU p50 {self.tick_cpu_p50_ms:.1f} ms" + (f"; {self.failed_streams} streams failed"
                                                     if self.failed_streams else "")
                 + (f" ({self.first_failure})" if self.first_failure else ""))
 
@@ -114,12 +115,14 @@ def bench(url: str, streams: int, seconds: float = 10.0, cushion: float = 0.02,
     n_blocks = int(round(seconds / BLOCK_SECONDS))
     failed = len(results) - len(ok)
     quantile = 'corvina_tick_seconds{quantile="%s"}'
+    cpu_quantile = 'corvina_tick_cpu_seconds{quantile="%s"}'
     return BenchResult(streams, seconds, n_blocks * streams, len(latencies) if ok else 0, float(np.percentile(latencies, 50)),
                        float(np.percentile(latencies, 99)), float(latencies.max()),
                        sum(r[1] for r in ok) + failed * n_blocks,
                        int(after["corvina_ticks_total"] - before["corvina_ticks_total"]),
                        int(after["corvina_missed_ticks_total"] - before["corvina_missed_ticks_total"]),
-                       after.get(quantile % 0.5, 0) * 1000, after.get(quantile % 0.99, 0) * 1000, failed,
+                       after.get(quantile % 0.5, 0) * 1000, after.get(quantile % 0.99, 0) * 1000,
+                       after.get(cpu_quantile % 0.5, 0) * 1000, failed,
                        next((repr(r) for r in results if isinstance(r, BaseException)), ""))
 
 

@@ -21,11 +21,11 @@ class Metrics:
         self.rejected = collections.Counter()     # reason -> connections refused
         self.closed = collections.Counter()       # reason -> streams ended by the server
         self.files = 0
-        self._tick_seconds = collections.deque(maxlen=TICK_WINDOW)
-        self._busy_ticks = collections.deque(maxlen=TICK_WINDOW)     # only ticks that ran frames
+        self._tick_seconds = collections.deque(maxlen=TICK_WINDOW)     # only ticks that ran frames
+        self._tick_cpu_seconds = collections.deque(maxlen=TICK_WINDOW)
         self._lock = threading.Lock()
 
-    def record_tick(self, seconds: float, frames: int, missed: bool):
+    def record_tick(self, seconds: float, frames: int, missed: bool, cpu_seconds: float = 0.0):
         self.ticks += 1
         self.frames += frames
         self.missed_ticks += missed
@@ -33,11 +33,14 @@ class Metrics:
         if frames:
             with self._lock:
                 self._tick_seconds.append(seconds)
+                self._tick_cpu_seconds.append(cpu_seconds)
 
-    def tick_quantiles(self):
-        """{quantile: seconds} over the recent ticks that ran frames."""
+    def tick_quantiles(self, cpu=False):
+        """{quantile: seconds} over the recent ticks that ran frames: wall
+        time, or the scheduler thread's CPU time (less than the wall time by
+        what other processes took from it)."""
         with self._lock:
-            ticks = sorted(self._tick_seconds)
+            ticks = sorted(self._tick_cpu_seconds if cpu else self._tick_seconds)
         if not ticks:
             return {}
         return {q: ticks[min(len(ticks) - 1, int(q * len(ticks)))] for q in QUANTILES}
@@ -60,6 +63,8 @@ class Metrics:
         metric("largest_batch", "gauge", "The most streams one tick has run.", [("", self.largest_batch)])
         metric("tick_seconds", "summary", "Time a tick that ran frames took (recent ticks).",
                [(f'{{quantile="{q}"}}', f"{v:.6f}") for q, v in self.tick_quantiles().items()])
+        metric("tick_cpu_seconds", "summary", "CPU time of the scheduler thread in a tick that ran frames.",
+               [(f'{{quantile="{q}"}}', f"{v:.6f}") for q, v in self.tick_quantiles(cpu=True).items()])
         metric("rejected_connections_total", "counter", "Connections refused, by reason.",
                [(f'{{reason="{r}"}}', n) for r, n in sorted(self.rejected.items())] or [("", 0)])
         metric("closed_streams_total", "counter", "Streams the server ended for bad input, by reason.",

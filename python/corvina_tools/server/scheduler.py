@@ -109,11 +109,11 @@ class Scheduler:
         deadline = time.monotonic() + self.tick_seconds
         try:
             while not self._stop.is_set():
-                start = time.monotonic()
+                start, cpu = time.monotonic(), time.thread_time()
                 frames = self.tick(deadline)
                 end = time.monotonic()
                 missed = end > deadline
-                self.metrics.record_tick(end - start, frames, missed)
+                self.metrics.record_tick(end - start, frames, missed, time.thread_time() - cpu)
                 if missed:
                     deadline = end + self.tick_seconds
                 else:

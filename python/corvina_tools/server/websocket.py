@@ -8,7 +8,7 @@ import logging
 from starlette.websockets import WebSocket, WebSocketDisconnect
 
 from ..converter import Converter
-from .protocol import (INTERNAL, NORMAL, POLICY, TRY_LATER, ProtocolError, decode_block,
+from .protocol import (INTERNAL, INVALID, NORMAL, POLICY, TRY_LATER, UNSUPPORTED, ProtocolError, decode_block,
                        encode_block, parse_control, parse_message, parse_start)
 from .scheduler import Stream
 
@@ -72,8 +72,8 @@ class StreamConnection:
             elif isinstance(error, ProtocolError):
                 self.server.metrics.closed[CLOSE_LABELS.get(error.code, str(error.code))] += 1
                 await self._close(error.code, error.reason)
-            elif isinstance(error, WebSocketDisconnect) or (first is receiver and error is None):
-                pass                                  # the client went away
+            elif isinstance(error, WebSocketDisconnect) or first is sender or (first is receiver and error is None):
+                log.debug("client went away: %r", error)     # sending fails once it has
             elif error is not None:
                 log.exception("stream failed", exc_info=error)
                 self.server.metrics.closed["internal"] += 1
@@ -117,7 +117,7 @@ class StreamConnection:
 
     def _json(self, text, data):
         if text is None:
-            raise ProtocolError(1003, 'open with a JSON "start" message before sending audio')
+            raise ProtocolError(UNSUPPORTED, 'open with a JSON "start" message before sending audio')
         return parse_message(text, self.limits)
 
     def _start(self, settings):
@@ -139,10 +139,13 @@ class StreamConnection:
             converter.speaker = self.settings.speaker
             converter.pitch_shift = self.settings.pitch
         except ValueError as e:
-            raise ProtocolError(1007, str(e)) from None
+            raise ProtocolError(INVALID, str(e)) from None
 
     def _deliver_from_scheduler(self, samples, last):
-        self.loop.call_soon_threadsafe(self._deliver, samples, last)
+        try:
+            self.loop.call_soon_threadsafe(self._deliver, samples, last)
+        except RuntimeError:                  # the loop has closed: the server is stopping
+            pass
 
     def _deliver(self, samples, last):
         if self.failure.done():
