@@ -6,12 +6,13 @@ from typing import Optional
 
 from .protocol import Limits
 
+UNTRAINED_NOTE = "no model given and no default voice packaged yet: serving a generated, untrained test model"
 
-def default_model_dir() -> str:
-    """The model served when none is named: a generated test model until a
-    trained default voice ships with the package."""
-    from ..test_model import write_test_model
-    return write_test_model(tempfile.mkdtemp(prefix="corvina-serve-model-"))
+
+def default_model_dir() -> Optional[str]:
+    """The model served when none is named. None until a trained default
+    voice ships with the package (then: its directory)."""
+    return None
 
 
 def run_server(model_dir: Optional[str] = None, host: str = "127.0.0.1", port: int = 8000,
@@ -20,8 +21,14 @@ def run_server(model_dir: Optional[str] = None, host: str = "127.0.0.1", port: i
     import uvicorn
 
     from ..model_set import ModelSet
+    from ..test_model import write_test_model
     from .app import ServerState, create_app
-    models = ModelSet.load(model_dir or default_model_dir())
-    token = token if token is not None else os.environ.get("CORVINA_TOKEN") or None
-    app = create_app(ServerState(models, limits, token, quality, workers))
-    uvicorn.run(app, host=host, port=port, ws_max_size=limits.max_message_bytes, log_level=log_level)
+    with tempfile.TemporaryDirectory(prefix="corvina-serve-model-") as scratch:
+        model_dir = model_dir or default_model_dir()
+        if model_dir is None:
+            print(f"corvina serve: {UNTRAINED_NOTE}")
+            model_dir = write_test_model(scratch)
+        models = ModelSet.load(model_dir)
+        token = token if token is not None else os.environ.get("CORVINA_TOKEN") or None
+        app = create_app(ServerState(models, limits, token, quality, workers))
+        uvicorn.run(app, host=host, port=port, ws_max_size=limits.max_message_bytes, log_level=log_level)
