@@ -130,6 +130,33 @@ def build_parser():
     p.add_argument("-o", "--output", default="demo-output", help="folder for the files (default demo-output)")
     p.add_argument("-m", "--model", help="model directory (default: the packaged default model)")
 
+    p = sub.add_parser("serve", help="serve conversion over WebSockets and HTTP (needs corvina[serve])",
+                       description="Stream conversion to many clients at once, batched every 10 ms; "
+                                   "a page for the browser at /.")
+    p.add_argument("-m", "--model", help="model directory (default: the packaged default model)")
+    p.add_argument("--host", default="127.0.0.1", help="address to listen on (default 127.0.0.1)")
+    p.add_argument("--port", type=int, default=8000, help="port (default 8000)")
+    p.add_argument("--max-streams", type=int, default=16, help="streams at once; more are refused (default 16)")
+    p.add_argument("--token", help="require this bearer token (default: $CORVINA_TOKEN if set)")
+    p.add_argument("--workers", type=int, default=os.cpu_count() or 1,
+                   help="threads a wide batch is split over (default: the cores, %(default)s here)")
+    p.add_argument("--log-level", default="info", choices=["debug", "info", "warning", "error"])
+    _add_quality_option(p, "LQ")
+
+    p = sub.add_parser("serve-bench", help="load-test corvina serve with real-time clients on loopback",
+                       description="N clients send 10 ms blocks paced at real time and time each block's "
+                                   "converted audio; without --url a server is started with --model or a test model.")
+    p.add_argument("--url", help="stream endpoint of a running server, e.g. ws://127.0.0.1:8000/stream")
+    p.add_argument("-m", "--model", help="model directory for the server started here")
+    p.add_argument("-n", "--streams", type=int, default=16, help="clients at once (default 16)")
+    p.add_argument("--seconds", type=float, default=10.0, help="audio each client sends (default 10)")
+    p.add_argument("--sweep", type=lambda t: [int(n) for n in t.split(",")],
+                   help="stream counts to try in turn, e.g. 4,8,12,16,20; stops at the first with a gap")
+    p.add_argument("--cushion-ms", type=float, default=20.0, help="client jitter buffer for counting gaps (default 20)")
+    p.add_argument("--token", help="bearer token for the server")
+    p.add_argument("--workers", type=int, default=os.cpu_count() or 1, help="--workers of the server started here")
+    p.add_argument("--json", help="write the figures to this file too")
+
     from .train_command import add_commands
     add_commands(sub)
     return parser
@@ -300,8 +327,33 @@ def cmd_demo(args):
     return 0
 
 
+def cmd_serve(args):
+    try:
+        import starlette  # noqa: F401
+        import uvicorn  # noqa: F401
+
+        from .server import Limits, run_server
+    except ImportError as e:
+        return _fail(f"serve: {e.name} is missing; install corvina[serve]")
+    if args.max_streams < 1:
+        return _fail("--max-streams must be at least 1", 2)
+    run_server(args.model, args.host, args.port, Limits(max_streams=args.max_streams), args.token, args.quality,
+               args.log_level, args.workers)
+    return 0
+
+
+def cmd_serve_bench(args):
+    try:
+        import websockets  # noqa: F401
+    except ImportError:
+        return _fail("serve-bench: websockets is missing; install corvina[serve]")
+    from .server.loadtest import main as bench_main
+    return bench_main(args)
+
+
 COMMANDS = {"convert": cmd_convert, "info": cmd_info, "bench": cmd_bench,
-            "make-test-model": cmd_make_test_model, "live": cmd_live, "demo": cmd_demo}
+            "make-test-model": cmd_make_test_model, "live": cmd_live, "demo": cmd_demo, "serve": cmd_serve,
+            "serve-bench": cmd_serve_bench}
 
 if __name__ == "__main__":
     sys.exit(main())

@@ -62,9 +62,21 @@ class EngineChain:
         m, (pc, tc, wc) = self.models, self._contexts
         features = m.phone(frame, pc)
         bins, pitch_features = m.pitch(frame, tc)
-        if shift_bins:
-            bins = np.clip(bins + shift_bins, LOWEST_BIN, HIGHEST_BIN).astype(np.int32)
-        return m.waveform(features, bins, pitch_features, speaker_row, wc)
+        return m.waveform(features, shift_bins_by(bins, shift_bins), pitch_features, speaker_row, wc)
+
+    @property
+    def contexts(self):
+        """The stream's phone, pitch and waveform contexts, for batch calls."""
+        return self._contexts
+
+
+def shift_bins_by(bins, shift):
+    """Estimated pitch bins moved by `shift` bins (one per stream, or one for
+    all), kept inside the estimator's range; unshifted bins are left as they are."""
+    shift = np.asarray(shift)
+    if not shift.any():
+        return bins
+    return np.where(shift != 0, np.clip(bins + shift, LOWEST_BIN, HIGHEST_BIN), bins).astype(np.int32)
 
 
 class _Resampler:
@@ -193,10 +205,7 @@ class Converter:
     def process(self, block):
         """Feed a block: (n,) mono or (n, channels), any numeric type.
         Returns the converted samples ready so far (float32, mono)."""
-        if self._flushed:
-            raise RuntimeError("the stream was flushed; reset() starts a new one")
-        x = self._mono(block)
-        return self._from_model(self._run_frames(self._to_model(x)))
+        return self.emit(self._run(self.cut_frames(block)))
 
     def flush(self):
         """Drain everything buffered: the last partial frame is completed with
@@ -204,9 +213,44 @@ class Converter:
         feeding a new stream."""
         if self._flushed:
             return np.zeros(0, np.float32)
+        frames, cut = self.cut_last_frames()
+        out = self._run(frames)
+        return self.emit(out[:len(out) - cut], last=True)
+
+    # A host that runs the frames itself (a batching scheduler) calls these
+    # three in place of process() and flush(): cut, run each frame with the
+    # stream's `contexts`, `shift_bins` and `speaker_row`, emit.
+
+    def cut_frames(self, block):
+        """The whole 10 ms model frames (k, 160) that `block` completes."""
+        if self._flushed:
+            raise RuntimeError("the stream was flushed; reset() starts a new one")
+        return self._split(self._to_model(self._mono(block)))
+
+    def cut_last_frames(self):
+        """The frames left at the end of the stream, the last one completed
+        with silence, and how many samples to cut from the end of their
+        output (the part the silence made)."""
         self._flushed = True
-        tail = self._run_frames(self._to_model(np.zeros(0, np.float32), last=True), finish=True)
-        return self._from_model(tail, last=True)
+        frames = self._split(self._to_model(np.zeros(0, np.float32), last=True), finish=True)
+        cut = OUT_HOP - self._tail_samples * OUT_HOP // IN_HOP if self._tail_samples else 0
+        return frames, cut
+
+    def emit(self, model_output, last=False):
+        """Model output (24 kHz) to the output rate."""
+        return self._from_model(model_output, last=last)
+
+    @property
+    def contexts(self):
+        return self._chain.contexts
+
+    @property
+    def shift_bins(self):
+        return self._shift_bins
+
+    @property
+    def speaker_row(self):
+        return self._speaker_row
 
     def _mono(self, block):
         x = np.asarray(block)
@@ -223,18 +267,16 @@ class Converter:
             x[bad] = 0.0
         return x
 
-    def _run_frames(self, x, finish=False):
+    def _split(self, x, finish=False):
         pending = np.concatenate([self._pending, x]) if len(self._pending) else x
+        self._tail_samples = len(pending) % IN_HOP if finish else 0
+        if self._tail_samples:
+            pending = np.concatenate([pending, np.zeros(IN_HOP - self._tail_samples, np.float32)])
         n = len(pending) // IN_HOP
-        real_out = None
-        if finish and len(pending) % IN_HOP:
-            # The real samples of the last frame give this much output.
-            real_out = n * OUT_HOP + (len(pending) % IN_HOP) * OUT_HOP // IN_HOP
-            pending = np.concatenate([pending, np.zeros(IN_HOP - len(pending) % IN_HOP, np.float32)])
-            n += 1
-        outputs = [self._chain(pending[i * IN_HOP:(i + 1) * IN_HOP], self._shift_bins, self._speaker_row)
-                   for i in range(n)]
-        self.frames += n
         self._pending = pending[n * IN_HOP:].copy()
-        out = np.concatenate(outputs).astype(np.float32, copy=False) if outputs else np.zeros(0, np.float32)
-        return out if real_out is None else out[:real_out]
+        return pending[:n * IN_HOP].reshape(n, IN_HOP)
+
+    def _run(self, frames):
+        outputs = [self._chain(frame, self._shift_bins, self._speaker_row) for frame in frames]
+        self.frames += len(frames)
+        return np.concatenate(outputs).astype(np.float32, copy=False) if outputs else np.zeros(0, np.float32)

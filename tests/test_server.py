@@ -1,0 +1,132 @@
+"""`corvina serve`: streams batched by the scheduler come out bit for bit as
+the offline converter makes them; files over HTTP; health and metrics."""
+import io
+import json
+import threading
+import urllib.request
+
+import numpy as np
+import pytest
+import soundfile as sf
+
+from serving import running_server, stream_blocks
+from corvina_tools import Converter
+from corvina_tools.speech import speech_like
+
+SEED = 16
+
+# Each case: rates, format, opening voice, block sizes, and a control message
+# sent before block 5.
+CASES = [
+    dict(input_rate=16000, output_rate=24000, format="f32le", speaker=0, pitch=0.0, block=160,
+         control={"speaker": 2, "pitch": -3.5}),
+    dict(input_rate=48000, output_rate=48000, format="s16le", speaker={"0": 0.7, "2": 0.3}, pitch=4.0, block=1111,
+         control={"pitch": 0}),
+    dict(input_rate=44100, output_rate=22050, format="f32le", speaker=[1, 1, 2], pitch=-12.0, block=97,
+         control={"speaker": 1}),
+    dict(input_rate=8000, output_rate=16000, format="s16le", speaker=1, pitch=0.0, block=3000,
+         control={"speaker": {"2": 1}, "pitch": 24}),
+]
+
+
+def offline(models, case, blocks):
+    """The same stream through corvina_tools.Converter, settings changed
+    between the same blocks; s16le output quantised as the server does."""
+    converter = Converter(models, case["input_rate"], case["output_rate"], quality="LQ",
+                          speaker=_speaker(case["speaker"]), pitch_shift=case["pitch"])
+    out = []
+    for i, block in enumerate(blocks):
+        if i == 5:
+            control = case["control"]
+            if "speaker" in control:
+                converter.speaker = _speaker(control["speaker"])
+            if "pitch" in control:
+                converter.pitch_shift = control["pitch"]
+        out.append(converter.process(block))
+    out = np.concatenate(out + [converter.flush()])
+    if case["format"] == "s16le":
+        out = np.clip(np.round(out * 32768.0), -32768, 32767).astype(np.int16)
+    return out
+
+
+def _speaker(value):
+    return {int(k): v for k, v in value.items()} if isinstance(value, dict) else value
+
+
+def blocks_of(case, seed):
+    x = speech_like(0.6, case["input_rate"], seed=seed)
+    if case["format"] == "s16le":
+        x = np.round(x * 20000).astype(np.int16)
+    return [x[i:i + case["block"]] for i in range(0, len(x), case["block"])]
+
+
+def stream_case(address, k, case, seconds=0.0):
+    """Stream case k through the server, spread over `seconds`."""
+    blocks = blocks_of(case, SEED + k)
+    start = dict(type="start", **{key: case[key] for key in ("input_rate", "output_rate", "format", "speaker", "pitch")})
+    return stream_blocks(address, start, blocks, {5: case["control"]}, case["format"], pace=seconds / len(blocks))
+
+
+def assert_offline(models, k, case, result):
+    got, texts = result
+    expected = offline(models, case, blocks_of(case, SEED + k))
+    assert texts[0]["type"] == "ready" and texts[-1]["type"] == "done", texts
+    assert got.dtype == expected.dtype and len(got) == len(expected), f"seed {SEED}, case {k}"
+    np.testing.assert_array_equal(got, expected, err_msg=f"seed {SEED}, case {k}: {case}")
+
+
+def in_threads(*jobs):
+    threads = [threading.Thread(target=job) for job in jobs]
+    for t in threads:
+        t.start()
+    for t in threads:
+        t.join()
+
+
+def test_concurrent_streams_match_the_offline_converter(models):
+    results = {}
+    with running_server(models) as (address, state):
+        in_threads(*(lambda k=k, case=case: results.__setitem__(k, stream_case(address, k, case))
+                     for k, case in enumerate(CASES)))
+    for k, case in enumerate(CASES):
+        assert_offline(models, k, case, results[k])
+    assert state.metrics.largest_batch > 1, "the streams never shared a tick"
+
+
+def test_a_file_over_http_is_the_converted_file(models, tmp_path):
+    from corvina_tools.convert_files import convert_file
+    x = speech_like(0.5, 22050, seed=SEED)
+    source = tmp_path / "in.flac"
+    sf.write(source, x, 22050)
+    convert_file(models, str(source), str(tmp_path / "out.wav"), rate=32000, subtype="FLOAT", speaker={0: 0.5, 1: 0.5},
+                 pitch_shift=2.0, quality="LQ")
+    expected, _ = sf.read(tmp_path / "out.wav", dtype="float32")
+    with running_server(models) as (address, _):
+        request = urllib.request.Request(f"http://{address}/convert?speaker=0:0.5,1:0.5&pitch=2&rate=32000",
+                                         data=source.read_bytes(), method="POST")
+        with urllib.request.urlopen(request) as response:
+            got, rate = sf.read(io.BytesIO(response.read()), dtype="float32")
+        assert rate == 32000
+        np.testing.assert_array_equal(got, expected)
+        for query, status in (("speaker=7", 400), ("rate=5", 400), ("format=mp9", 400), ("pitch=x", 400)):
+            bad = urllib.request.Request(f"http://{address}/convert?{query}", data=source.read_bytes())
+            with pytest.raises(urllib.error.HTTPError) as refused:
+                urllib.request.urlopen(bad)
+            assert refused.value.code == status, query
+        garbage = urllib.request.Request(f"http://{address}/convert", data=b"not audio at all")
+        with pytest.raises(urllib.error.HTTPError) as refused:
+            urllib.request.urlopen(garbage)
+        assert refused.value.code == 400 and b"cannot read" in refused.value.read()
+
+
+def test_health_and_metrics_report_the_streams(models):
+    with running_server(models) as (address, _):
+        stream_blocks(address, {"type": "start"}, [np.zeros(1600, np.float32)])
+        with urllib.request.urlopen(f"http://{address}/health") as response:
+            health = json.load(response)
+        with urllib.request.urlopen(f"http://{address}/metrics") as response:
+            text = response.read().decode()
+    assert health["status"] == "ok" and health["streams"] == 0 and health["speakers"] == 3
+    samples = dict(line.rsplit(" ", 1) for line in text.splitlines() if not line.startswith("#"))
+    assert samples["corvina_streams_total"] == "1" and samples["corvina_frames_total"] == "10"
+    assert 'corvina_tick_seconds{quantile="0.99"}' in samples
