@@ -4,7 +4,6 @@ import contextlib
 import json
 import random
 import socket
-import threading
 import time
 
 import numpy as np

@@ -8,9 +8,17 @@ import os
 def add_commands(sub):
     """Add the `corpus` and `train` commands to an argparse sub-parser set."""
     corpus = sub.add_parser("corpus", help="make a training corpus with the system's speech synthesizers",
-                            add_help=False, description="See `corvina corpus --help`.")
-    corpus.add_argument("arguments", nargs=argparse.REMAINDER)
-    corpus.set_defaults(run=run_corpus)
+                            description="Make (or complete) a multi-speaker corpus: fortunes read by flite, "
+                            "festival and espeak-ng voices (install them with apt-get: flite festival "
+                            "festvox-us-slt-hts festvox-kallpc16k espeak-ng fortunes), with pitch tracks and "
+                            "phone labels; optionally a folder of your own recordings.")
+    try:
+        from .training.corpus import add_arguments, run
+    except ImportError as e:         # the train extra is missing: the command says so when run
+        corpus.set_defaults(run=lambda args, error=e: _missing(error))
+    else:
+        add_arguments(corpus)
+        corpus.set_defaults(run=run)
     train = sub.add_parser("train", help="train a model directory's networks on a corpus (needs the train extra)",
                            description="Train one network of a model directory on a corpus made by `corvina corpus`. "
                            "Run the stages in order: pitch, phone, waveform; finetune adds a new voice to a trained "
@@ -41,23 +49,15 @@ def add_commands(sub):
         p.set_defaults(run=run_train)
 
 
-def _training():
-    try:
-        from . import training
-    except ImportError as e:
-        raise SystemExit(f"corvina: {e}") from None
-    return training
-
-
-def run_corpus(args):
-    _training()
-    from .training.corpus import main
-    return main(args.arguments)
+def _missing(error):
+    raise SystemExit(f"corvina: {error.name or error} is missing: pip install 'corvina[train]'")
 
 
 def run_train(args):
-    _training()
-    import torch
+    try:
+        import torch
+    except ImportError as e:
+        _missing(e)
 
     from .training.data import CorpusError
     from .training.stages import make_stage

@@ -267,8 +267,7 @@ def build_corpus(out_dir: Path | str, sentences: int = 400, voices: Optional[Seq
     return description
 
 
-def main(argv: Optional[Sequence[str]] = None) -> int:
-    parser = argparse.ArgumentParser(prog="corvina corpus", description=__doc__.split("\n\n")[0])
+def add_arguments(parser: argparse.ArgumentParser) -> None:
     parser.add_argument("out", type=Path, help="corpus folder (made or completed)")
     parser.add_argument("--sentences", type=int, default=400, metavar="N", help="sentences per voice (default 400)")
     parser.add_argument("--voices", nargs="+", metavar="VOICE",
@@ -279,17 +278,25 @@ def main(argv: Optional[Sequence[str]] = None) -> int:
                         help="least usable audio per own speaker (default 60)")
     parser.add_argument("--jobs", type=int, default=2, metavar="J", help="worker processes (default 2)")
     parser.add_argument("--seed", type=int, default=1, help="seed of sentence order and gains")
-    args = parser.parse_args(argv)
+
+
+def run(args: argparse.Namespace) -> int:
     try:
         description = build_corpus(args.out, args.sentences, args.voices, args.jobs,
                                    args.own_recordings, args.seed, args.min_own_seconds)
     except CorpusError as error:
-        print(f"error: {error}", file=sys.stderr)
+        print(f"corvina corpus: {error}", file=sys.stderr)
         return 1
     hours = sum(s["seconds"] for s in description["speakers"]) / 3600
     count = sum(s["utterances"] for s in description["speakers"])
     print(f"{args.out}: {len(description['speakers'])} speakers, {count} utterances, {hours:.2f} h")
     return 0
+
+
+def main(argv: Optional[Sequence[str]] = None) -> int:
+    parser = argparse.ArgumentParser(prog="corvina corpus", description=__doc__.split("\n\n")[0])
+    add_arguments(parser)
+    return run(parser.parse_args(argv))
 
 
 if __name__ == "__main__":
