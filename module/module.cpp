@@ -2,7 +2,7 @@
 // Compiled without vector ISA flags.
 #define CORVINA_BINDS_NUMPY
 #include "../engine/corvina.h"
-#include "cpu_check.h"
+#include "../engine/kernel_set.h"
 #include "objects.h"
 
 namespace {
@@ -41,7 +41,7 @@ const struct {
 }  // namespace
 
 PyMODINIT_FUNC PyInit_corvina(void) {
-  if (!corvina::CpuSupported()) {
+  if (!corvina::ProcessorSupported()) {
     PyErr_SetString(PyExc_ImportError, "Unsupported CPU.");
     return nullptr;
   }

@@ -1,6 +1,5 @@
-// The phone extractor's own layers, in four builds with identical results:
+// The phone extractor's own layers, in three builds with identical results:
 //   scalar::  the definition, plain loops in the order that fixes the result;
-//   avx2::    the same per-output order with 256-bit vectors, one panel at a time;
 //   fast_avx2::, fast_avx512::  the engine's sweeps, several positions per pass (phone_fast.inc).
 // Front-end convolutions carry no bias: each output starts from zero and
 // accumulates over taps (outer) and input channels (ascending) with fused
@@ -37,11 +36,6 @@ constexpr int kInputConvChannels = 32;
 
 namespace scalar {
 CORVINA_DECLARE_PHONE_KERNELS
-}
-namespace avx2 {
-CORVINA_DECLARE_PHONE_KERNELS
-// InputConvLayer before its GELU, for the fast builds (whose GELU is their own).
-void InputConvProducts(const f16* weight, const float* x, float* kept, float* output);
 }
 // One frame of n <= kMaxBatch streams, layer by layer across them; stream s's
 // features end in contexts[s]->output_dense.output, as ExtractPhone's would.

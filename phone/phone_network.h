@@ -1,8 +1,6 @@
-// The per-frame sequence of the phone extractor, written once over a set of
-// kernels: phone_network_scalar.cpp instantiates it with the scalar
-// definitions and phone_network_avx2.cpp with their vector twins, so the two
-// can only differ where a kernel pair does. The fast builds run the same
-// sequence for a batch of streams (ExtractPhoneN, phone_fast.inc).
+// The per-frame sequence of the phone extractor as the scalar definition runs
+// it (phone_network_scalar.cpp). The vector sets run the same sequence for a
+// batch of streams (ExtractPhoneN, phone_fast.inc).
 #pragma once
 #include "../engine/kernels.h"
 #include "phone_kernels.h"
@@ -24,7 +22,6 @@ namespace corvina {
     static constexpr auto ResidualConvBlock = &isa::ResidualConvBlock;       \
   };
 CORVINA_PHONE_KERNEL_SET(ScalarPhoneKernels, scalar)
-CORVINA_PHONE_KERNEL_SET(VectorPhoneKernels, avx2)
 #undef CORVINA_PHONE_KERNEL_SET
 
 namespace {  // one instantiation per translation unit, each with its own flags

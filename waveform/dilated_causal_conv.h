@@ -1,8 +1,7 @@
 // The residual stacks' square causal convolution, N channels in and out,
-// kernel K, dilation D, over the T steps of one frame, in two builds with
+// kernel K, dilation D, over the T steps of one frame, in three builds with
 // identical results:
 //   scalar::  the definition, plain loops in the order that fixes the result;
-//   avx2::    the same per-output order with 256-bit vectors;
 //   fast_avx2::, fast_avx512::  the engine's sweeps (engine/sweep.inc).
 //
 // Step t of tap k reads the input step (K - 1 - k) * D steps back, from the
@@ -35,11 +34,6 @@ void RecordFrame(const float* input, DilatedCausalConvState<N, T, H>* state) {
 }
 
 namespace scalar {
-template <int N, int T, int K, int D>
-void DilatedCausalConv(const DilatedConvWeights<N, K>& weights, const float* input,
-                       DilatedCausalConvState<N, T, kDilatedHistory<K, D>>* state);
-}
-namespace avx2 {
 template <int N, int T, int K, int D>
 void DilatedCausalConv(const DilatedConvWeights<N, K>& weights, const float* input,
                        DilatedCausalConvState<N, T, kDilatedHistory<K, D>>* state);

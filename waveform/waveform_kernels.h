@@ -1,11 +1,10 @@
-// The waveform generator's layers and stages, in four builds with identical
+// The waveform generator's layers and stages, in three builds with identical
 // results:
 //   scalar::  the definition, plain loops in the order that fixes the result;
-//   avx2::    the same per-output order with 256-bit vectors (kernel set "basic");
-//   fast_avx2::, fast_avx512::  the same stages on the fast kernels.
-// The stages built from kernels (residual stacks, upsampling, synthesis, the
-// whole frame) are written once, in the *.inc bodies, and compiled in both
-// namespaces, so a whole scalar generator can be compared with the vector one.
+//   fast_avx2::, fast_avx512::  the same stages on the vector kernels.
+// The stages built from kernels (residual stacks, upsampling, synthesis) are
+// written once, in the *.inc bodies, and compiled in every namespace, so a
+// whole scalar generator can be compared with the vector ones.
 // Everything reads the model and writes only the context (or the stack).
 #pragma once
 #include <cstdint>
@@ -89,9 +88,6 @@ enum WaveformInput { kSpeakerInput = 0, kPitchFeaturesInput = 1, kQuantizedPitch
   void GenerateWaveformN(const WaveformGeneratorBlock& model, int n, WaveformContext* const* contexts);
 
 namespace scalar {
-CORVINA_DECLARE_WAVEFORM_KERNELS
-}
-namespace avx2 {
 CORVINA_DECLARE_WAVEFORM_KERNELS
 }
 namespace fast_avx2 {  // waveform_fast_avx2.cpp
