@@ -119,7 +119,7 @@ Floors MeasureFloors(const Chain& chain) {
   for (int r = 0; r < kRepeats; ++r) {
     Clock::time_point t0 = Clock::now();
     for (const auto& block : blocks)
-      fast_avx2::PanelAccumulate(static_cast<const f16*>(block.first), zeros.data(), sink.data(),
+      avx2::PanelAccumulate(static_cast<const f16*>(block.first), zeros.data(), sink.data(),
                                  static_cast<int>(block.second / kPanelBytes * kPanel), kInputs);
     Clock::time_point t1 = Clock::now();
     work = values;
@@ -129,7 +129,7 @@ Floors MeasureFloors(const Chain& chain) {
     keep = keep + work[0];
     work = values;
     Clock::time_point t4 = Clock::now();
-    fast_avx2::GeluInPlace(work.data(), kTanhCalls);
+    avx2::GeluInPlace(work.data(), kTanhCalls);
     Clock::time_point t5 = Clock::now();
     keep = keep + work[0] + sink[0];
     weights.push_back(std::chrono::duration<double, std::micro>(t1 - t0).count());

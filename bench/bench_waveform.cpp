@@ -102,21 +102,21 @@ void BenchGenerator(const WaveformGeneratorBlock* model) {
     const void* inputs[4] = {in.speaker, in.pitch_features, &in.pitch_bin, in.phone};
     Clock::time_point t[kStages + 1];
     t[0] = Clock::now();
-    const float* x = fast_avx2::FrameNetwork(*model, inputs, state);
+    const float* x = avx2::FrameNetwork(*model, inputs, state);
     t[1] = Clock::now();
-    fast_avx2::UpsampleFirst(model->upsample1, model->upsample1_bias, x, state->upsample1_carry, &state->upsample1_index,
+    avx2::UpsampleFirst(model->upsample1, model->upsample1_bias, x, state->upsample1_carry, &state->upsample1_index,
                         state->stage1[0]);
     t[2] = Clock::now();
-    float* stage1 = fast_avx2::ResidualStack(model->stack1, state->stage1[0], &state->stack1);
-    fast_avx2::SiluInPlace(stage1, kStage1Steps * kStage1Channels);
+    float* stage1 = avx2::ResidualStack(model->stack1, state->stage1[0], &state->stack1);
+    avx2::SiluInPlace(stage1, kStage1Steps * kStage1Channels);
     t[3] = Clock::now();
-    fast_avx2::UpsampleSecond(model->upsample2, model->upsample2_bias, stage1, state->upsample2_carry,
+    avx2::UpsampleSecond(model->upsample2, model->upsample2_bias, stage1, state->upsample2_carry,
                          &state->upsample2_index, state->stage2[0]);
     t[4] = Clock::now();
-    float* stage2 = fast_avx2::ResidualStack(model->stack2, state->stage2[0], &state->stack2);
-    fast_avx2::SiluInPlace(stage2, kStage2Steps * kStage2Channels);
+    float* stage2 = avx2::ResidualStack(model->stack2, state->stage2[0], &state->stack2);
+    avx2::SiluInPlace(stage2, kStage2Steps * kStage2Channels);
     t[5] = Clock::now();
-    fast_avx2::SpectralSynthesis(*model, stage2, &state->synthesis);
+    avx2::SpectralSynthesis(*model, stage2, &state->synthesis);
     t[6] = Clock::now();
     if (f >= kWarmUp)
       for (int s = 0; s < kStages; ++s) stage_micros[s].push_back(Micros(t[s], t[s + 1]));

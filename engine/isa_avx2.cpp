@@ -18,15 +18,15 @@
 #include "vector_math_avx2.h"
 
 namespace corvina {
-namespace fast_avx2 {
+namespace avx2 {
 
 using Lanes = Lanes8;
 #include "vector_set.inc"
 
-}  // namespace fast_avx2
+}  // namespace avx2
 
-extern const KernelTable kAvx2Kernels = {"avx2", fast_avx2::ExtractPhoneN, fast_avx2::PitchNetworkN,
-                                         fast_avx2::GenerateWaveformN};
+extern const KernelTable kAvx2Kernels = {"avx2", avx2::ExtractPhoneN, avx2::PitchNetworkN,
+                                         avx2::GenerateWaveformN};
 
 namespace tanh_avx2 {
 

@@ -19,14 +19,14 @@
 #include "vector_math_avx512.h"
 
 namespace corvina {
-namespace fast_avx512 {
+namespace avx512 {
 
 using Lanes = Lanes16;
 #include "vector_set.inc"
 
-}  // namespace fast_avx512
+}  // namespace avx512
 
-extern const KernelTable kAvx512Kernels = {"avx512", fast_avx512::ExtractPhoneN, fast_avx512::PitchNetworkN,
-                                           fast_avx512::GenerateWaveformN};
+extern const KernelTable kAvx512Kernels = {"avx512", avx512::ExtractPhoneN, avx512::PitchNetworkN,
+                                           avx512::GenerateWaveformN};
 
 }  // namespace corvina

@@ -33,6 +33,10 @@ struct KernelTable {
   void (*generate_waveform)(const WaveformGeneratorBlock& model, int n, WaveformContext* const* contexts);
 };
 
+// The scalar definitions' table: in the test-only library (isa_scalar.cpp),
+// the reference every set is compared with.
+extern const KernelTable kScalarKernels;
+
 enum class KernelSet : int { kAvx2 = 0, kAvx512 = 1 };
 constexpr int kKernelSets = 2;
 

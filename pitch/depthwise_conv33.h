@@ -11,10 +11,10 @@ namespace corvina {
 namespace scalar {
 void DepthwiseConv33(const PitchBlockWeights& weights, const float* x, PitchBlockState* state, float* out);
 }
-namespace fast_avx2 {
+namespace avx2 {
 void DepthwiseConv33(const PitchBlockWeights& weights, const float* x, PitchBlockState* state, float* out);
 }
-namespace fast_avx512 {
+namespace avx512 {
 void DepthwiseConv33(const PitchBlockWeights& weights, const float* x, PitchBlockState* state, float* out);
 }
 }  // namespace corvina

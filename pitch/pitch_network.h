@@ -1,8 +1,8 @@
 // The pitch estimator's causal network: front-end features of one frame in,
 // 384 bin scores out (context->scores). Advances every ring by one frame.
-// scalar:: is the definition (pitch_network.inc); the vector builds run the
-// same sequence for a batch of n <= kMaxBatch streams, layer by layer across
-// them, each stream's scores in its own context (pitch_batch.inc). All builds
+// Written once for a batch of n <= kMaxBatch streams, layer by layer across
+// them, each stream's scores in its own context (pitch_network.inc), and
+// compiled in every kernel set; a lone stream is a batch of one. All sets
 // agree bit for bit.
 #pragma once
 #include "pitch_layout.h"
@@ -11,12 +11,13 @@ namespace corvina {
 
 namespace scalar {
 void PitchNetwork(const PitchEstimatorBlock& model, PitchContext* context);
+void PitchNetworkN(const PitchEstimatorBlock& model, PitchContext* const* contexts, int n);
 }
-namespace fast_avx2 {
+namespace avx2 {
 void PitchNetwork(const PitchEstimatorBlock& model, PitchContext* context);
 void PitchNetworkN(const PitchEstimatorBlock& model, PitchContext* const* contexts, int n);
 }
-namespace fast_avx512 {
+namespace avx512 {
 void PitchNetwork(const PitchEstimatorBlock& model, PitchContext* context);
 void PitchNetworkN(const PitchEstimatorBlock& model, PitchContext* const* contexts, int n);
 }

@@ -1,4 +1,4 @@
-// The fast kernel builds (fast_avx2, and fast_avx512 where the processor has
+// The fast kernel builds (avx2, and avx512 where the processor has
 // it) against the scalar definitions, bit for bit, layer by layer: every
 // matrix shape the networks use and the odd ones (one input, one panel), the
 // fused product-and-GELU, the streaming layers over several frames of their
@@ -42,8 +42,8 @@ struct FastBuild {
     #ns, kernel_set, ns::PanelProduct, ns::PanelAccumulate, ns::PanelProductGelu, ns::CausalConv7Layer,         \
         ns::ResidualConvBlock, ns::StridedConvLayer, ns::PairConvLayer, ns::RecurrentLayer, ns::GeluInPlace     \
   }
-const FastBuild kBuilds[] = {CORVINA_FAST_BUILD(fast_avx2, KernelSet::kAvx2),
-                             CORVINA_FAST_BUILD(fast_avx512, KernelSet::kAvx512)};
+const FastBuild kBuilds[] = {CORVINA_FAST_BUILD(avx2, KernelSet::kAvx2),
+                             CORVINA_FAST_BUILD(avx512, KernelSet::kAvx512)};
 #undef CORVINA_FAST_BUILD
 
 template <typename Check>
@@ -220,13 +220,13 @@ void CheckDilatedConv(Rng& rng) {
   for (int frame = 0; frame < 3; ++frame) {
     const std::vector<float> input = RandomFloats(T * N, 2.0f, rng);
     scalar::DilatedCausalConv<N, T, K, D>(*weights, input.data(), scalar_state.get());
-    fast_avx2::DilatedCausalConv<N, T, K, D>(*weights, input.data(), avx2_state.get());
-    CHECK_MSG(SameBits(scalar_state.get(), avx2_state.get(), sizeof(State)), "fast_avx2 N %d T %d K %d D %d frame %d",
+    avx2::DilatedCausalConv<N, T, K, D>(*weights, input.data(), avx2_state.get());
+    CHECK_MSG(SameBits(scalar_state.get(), avx2_state.get(), sizeof(State)), "avx2 N %d T %d K %d D %d frame %d",
               N, T, K, D, frame);
     if (!avx512) continue;
-    fast_avx512::DilatedCausalConv<N, T, K, D>(*weights, input.data(), avx512_state.get());
+    avx512::DilatedCausalConv<N, T, K, D>(*weights, input.data(), avx512_state.get());
     CHECK_MSG(SameBits(scalar_state.get(), avx512_state.get(), sizeof(State)),
-              "fast_avx512 N %d T %d K %d D %d frame %d", N, T, K, D, frame);
+              "avx512 N %d T %d K %d D %d frame %d", N, T, K, D, frame);
   }
 }
 

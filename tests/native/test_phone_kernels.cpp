@@ -42,7 +42,7 @@ TEST(front_end_layers_match_scalar_and_carry_their_history) {
   for (int frame = 0; frame < 3; ++frame) {
     const std::vector<float> x = RandomFloats(kPhoneHop, 0.5f, rng);
     scalar::InputConvLayer(model->conv1, x.data(), a->kept_samples, &a->conv1_output[0][0]);
-    fast_avx2::InputConvLayer(model->conv1, x.data(), b->kept_samples, &b->conv1_output[0][0]);
+    avx2::InputConvLayer(model->conv1, x.data(), b->kept_samples, &b->conv1_output[0][0]);
     CHECK_MSG(SameFloats(&a->conv1_output[0][0], &b->conv1_output[0][0], 32 * 32), "frame %d", frame);
     CHECK(SameFloats(b->kept_samples, x.data() + 155, 5) && SameFloats(a->kept_samples, b->kept_samples, 5));
   }
@@ -59,7 +59,7 @@ TEST(front_end_layers_match_scalar_and_carry_their_history) {
     std::vector<float> out_a(static_cast<std::size_t>(s.out_positions) * s.outputs), out_b(out_a.size());
     scalar::StridedConvLayer(s.weight, input.data(), previous_a.data(), out_a.data(), s.inputs, s.outputs,
                              s.out_positions);
-    fast_avx2::StridedConvLayer(s.weight, input.data(), previous_b.data(), out_b.data(), s.inputs, s.outputs,
+    avx2::StridedConvLayer(s.weight, input.data(), previous_b.data(), out_b.data(), s.inputs, s.outputs,
                            s.out_positions);
     CHECK_MSG(SameFloats(out_a.data(), out_b.data(), out_a.size()), "%d -> %d", s.inputs, s.outputs);
     const float* last_input = input.data() + input.size() - s.inputs;
@@ -68,7 +68,7 @@ TEST(front_end_layers_match_scalar_and_carry_their_history) {
   const std::vector<float> input = RandomFloats(2 * 256, 1.0f, rng);
   std::vector<float> out_a(256), out_b(256);
   scalar::PairConvLayer(model->conv6, input.data(), out_a.data());
-  fast_avx2::PairConvLayer(model->conv6, input.data(), out_b.data());
+  avx2::PairConvLayer(model->conv6, input.data(), out_b.data());
   CHECK(SameFloats(out_a.data(), out_b.data(), 256));
 }
 
@@ -86,7 +86,7 @@ TEST(recurrent_gates_match_scalar_up_to_and_beyond_the_clamp) {
   for (int c = 0; c < kChannels; ++c) a->state[c] = state(rng);
   std::memcpy(b.get(), a.get(), sizeof *a);
   scalar::RecurrentGates(a.get());
-  fast_avx2::RecurrentGates(b.get());
+  avx2::RecurrentGates(b.get());
   CHECK(SameFloats(a->state, b->state, 256) && SameFloats(a->output, b->output, 256));
   CHECK(SameFloats(a->state, a->output, 256));
   bool bounded = true;
@@ -101,7 +101,7 @@ TEST(recurrent_layer_matches_scalar_over_frames) {
   for (int frame = 0; frame < 5; ++frame) {
     const std::vector<float> v = RandomFloats(256, 2.0f, rng);
     scalar::RecurrentLayer(model->recurrent[1], v.data(), a.get());
-    fast_avx2::RecurrentLayer(model->recurrent[1], v.data(), b.get());
+    avx2::RecurrentLayer(model->recurrent[1], v.data(), b.get());
     CHECK_MSG(SameFloats(a->input_gates, b->input_gates, 768) && SameFloats(a->state_gates, b->state_gates, 768) &&
                   SameFloats(a->state, b->state, 256) && SameFloats(a->output, b->output, 256),
               "frame %d", frame);
@@ -118,7 +118,7 @@ TEST(network_matches_scalar_definition_bit_for_bit) {
   for (int frame = 0; frame < kFrames && first_mismatch < 0; ++frame) {
     const std::vector<float> x = SpeechLikeFrame(frame, rng);
     const float* ya = scalar::ExtractPhone(*model, x.data(), a.get());
-    const float* yb = fast_avx2::ExtractPhone(*model, x.data(), b.get());
+    const float* yb = avx2::ExtractPhone(*model, x.data(), b.get());
     if (!SameFloats(ya, yb, 256)) first_mismatch = frame;
     for (int c = 0; c < 256; ++c) energy += static_cast<double>(yb[c]) * yb[c];
   }
@@ -137,7 +137,7 @@ TEST(each_frame_advances_every_history_by_one) {
   std::vector<float> x;
   for (int frame = 0; frame < kFrames; ++frame) {
     x = SpeechLikeFrame(frame, rng);
-    fast_avx2::ExtractPhone(*model, x.data(), context.get());
+    avx2::ExtractPhone(*model, x.data(), context.get());
   }
   const PhoneContext& c = *context;
   const PhoneFrontEnd& f = c.front;
@@ -169,7 +169,7 @@ TEST(silence_on_a_fresh_context_gives_a_zero_front_end) {
   auto model = RandomPhoneModel(check::Seed());
   auto context = NewBlock<PhoneContext>();
   const std::vector<float> zero(kPhoneHop, 0.0f);
-  fast_avx2::ExtractPhone(*model, zero.data(), context.get());
+  avx2::ExtractPhone(*model, zero.data(), context.get());
   bool all_zero = true;
   for (float v : context->front.conv6_output) all_zero &= v == 0.0f;  // normalised in place
   CHECK(all_zero);
@@ -190,7 +190,7 @@ TEST(exported_call_copies_exactly_the_features_and_allocates_nothing) {
   for (int frame = 0; frame < 40; ++frame) frames.push_back(SpeechLikeFrame(frame, rng));
   for (int frame = 0; frame < 4; ++frame) {  // warm-up
     Corvina_ExtractPhone1(engine_model, frames[frame].data(), output.data(), context);
-    fast_avx2::ExtractPhone(*model, frames[frame].data(), twin.get());
+    avx2::ExtractPhone(*model, frames[frame].data(), twin.get());
   }
   CHECK(SameFloats(output.data(), twin->output_dense.output, 256));
   CHECK(output[256] == -7.0f && output[259] == -7.0f);

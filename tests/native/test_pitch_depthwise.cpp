@@ -25,7 +25,7 @@ TEST(vector_matches_scalar_bit_for_bit) {
   for (int frame = 0; frame < 70; ++frame) {
     alignas(64) float x[kPitchWidth], vector_out[kPitchWidth], scalar_out[kPitchWidth];
     FillFloats(x, kPitchWidth, 6.0f, rng);
-    fast_avx2::DepthwiseConv33(weights, x, vector_state, vector_out);
+    avx2::DepthwiseConv33(weights, x, vector_state, vector_out);
     scalar::DepthwiseConv33(weights, x, scalar_state, scalar_out);
     mismatched_frames += !SameFloats(vector_out, scalar_out, kPitchWidth);
   }

@@ -45,7 +45,7 @@ TEST(panel_product_matches_scalar_for_every_shape) {
     const std::vector<float> x = RandomFloats(inputs, 4.0f, rng);
     std::vector<float> expected(outputs), got(outputs);
     scalar::PanelProduct(weight, bias.data(), x.data(), expected.data(), outputs, inputs);
-    fast_avx2::PanelProduct(weight, bias.data(), x.data(), got.data(), outputs, inputs);
+    avx2::PanelProduct(weight, bias.data(), x.data(), got.data(), outputs, inputs);
     CHECK_MSG(SameFloats(expected.data(), got.data(), outputs), "%d x %d", outputs, inputs);
   }
 }
@@ -54,9 +54,9 @@ TEST(elementwise_kernels_match_scalar) {
   Rng rng(check::Seed());
   const std::vector<float> inputs = ActivationInputs(rng);
   const int n = static_cast<int>(inputs.size());
-  for (auto kernel : {std::make_pair(&scalar::GeluInPlace, &fast_avx2::GeluInPlace),
-                      std::make_pair(&scalar::SiluInPlace, &fast_avx2::SiluInPlace),
-                      std::make_pair(&scalar::Normalize, &fast_avx2::Normalize)}) {
+  for (auto kernel : {std::make_pair(&scalar::GeluInPlace, &avx2::GeluInPlace),
+                      std::make_pair(&scalar::SiluInPlace, &avx2::SiluInPlace),
+                      std::make_pair(&scalar::Normalize, &avx2::Normalize)}) {
     std::vector<float> expected = inputs, got = inputs;
     kernel.first(expected.data(), n);
     kernel.second(got.data(), n);
@@ -67,7 +67,7 @@ TEST(elementwise_kernels_match_scalar) {
   RandomHalves(shift.data(), 256, rng);
   std::vector<float> expected = RandomFloats(256, 3.0f, rng), got = expected;
   scalar::NormalizeScaleShift(expected.data(), scale.data(), shift.data(), 256);
-  fast_avx2::NormalizeScaleShift(got.data(), scale.data(), shift.data(), 256);
+  avx2::NormalizeScaleShift(got.data(), scale.data(), shift.data(), 256);
   CHECK(SameFloats(expected.data(), got.data(), 256));
 }
 
@@ -75,13 +75,13 @@ TEST(normalize_gives_zero_mean_unit_variance_and_zero_for_silence) {
   Rng rng(check::Seed());
   std::vector<float> x = RandomFloats(256, 5.0f, rng);
   for (float& v : x) v += 2.0f;
-  fast_avx2::Normalize(x.data(), 256);
+  avx2::Normalize(x.data(), 256);
   double sum = 0.0, squares = 0.0;
   for (float v : x) sum += v, squares += static_cast<double>(v) * v;
   CHECK_MSG(std::fabs(sum / 256) < 1e-6 && std::fabs(squares / 256 - 1.0) < 1e-5, "mean %g, E[x^2] %g", sum / 256,
             squares / 256);
   std::vector<float> silence(256, 0.0f);
-  fast_avx2::Normalize(silence.data(), 256);
+  avx2::Normalize(silence.data(), 256);
   for (float v : silence) CHECK(v == 0.0f);
 }
 
@@ -99,10 +99,10 @@ TEST(dense_and_causal_conv_match_scalar_and_advance_their_ring) {
   for (int f = 0; f < 9; ++f) {
     frames.push_back(RandomFloats(256, 1.0f, rng));
     const float* a = scalar::DenseLayer(*dense, frames.back().data(), dense_scalar.get());
-    const float* b = fast_avx2::DenseLayer(*dense, frames.back().data(), dense_vector.get());
+    const float* b = avx2::DenseLayer(*dense, frames.back().data(), dense_vector.get());
     CHECK_MSG(a == dense_scalar->output && b == dense_vector->output && SameFloats(a, b, 256), "dense, frame %d", f);
     a = scalar::CausalConv7Layer(*conv, frames.back().data(), slot_scalar.get());
-    b = fast_avx2::CausalConv7Layer(*conv, frames.back().data(), slot_vector.get());
+    b = avx2::CausalConv7Layer(*conv, frames.back().data(), slot_vector.get());
     CHECK_MSG(a == slot_scalar->output && b == slot_vector->output && SameFloats(a, b, 256), "conv, frame %d", f);
     CHECK_MSG(slot_vector->position == (f + 1) % 6 && slot_scalar->position == slot_vector->position, "frame %d",
               f);
@@ -127,7 +127,7 @@ TEST(causal_conv_taps_meet_the_oldest_frame_first) {
   auto slot = NewBlock<CausalConv7Slot>();
   const std::vector<float> impulse = RandomFloats(256, 1.0f, rng), zero(256, 0.0f);
   for (int lag = 0; lag < 9; ++lag) {
-    const float* y = fast_avx2::CausalConv7Layer(*conv, lag == 0 ? impulse.data() : zero.data(), slot.get());
+    const float* y = avx2::CausalConv7Layer(*conv, lag == 0 ? impulse.data() : zero.data(), slot.get());
     const float gain = lag < 7 ? static_cast<float>(7 - lag) : 0.0f;
     bool ok = true;
     for (int c = 0; c < kChannels; ++c) ok &= y[c] == std::fma(gain, impulse[c], HalfToFloat(conv->bias[c]));
@@ -156,7 +156,7 @@ TEST(residual_block_matches_scalar_over_a_ring_turn) {
   for (int f = 0; f < 20; ++f) {
     const std::vector<float> x = RandomFloats(256, 2.0f, rng);
     scalar::ResidualConvBlock(*weights, x.data(), slot_scalar.get());
-    fast_avx2::ResidualConvBlock(*weights, x.data(), slot_vector.get());
+    avx2::ResidualConvBlock(*weights, x.data(), slot_vector.get());
     CHECK_MSG(SameFloats(slot_scalar->output, slot_vector->output, 256) &&
                   SameFloats(slot_scalar->hidden, slot_vector->hidden, 768),
               "frame %d", f);
@@ -174,7 +174,7 @@ TEST(residual_block_depthwise_taps_meet_the_oldest_frame_first) {
   auto slot = NewBlock<ResidualConvBlockSlot>();
   const std::vector<float> impulse = RandomFloats(256, 1.0f, rng), zero(256, 0.0f);
   for (int lag = 0; lag < 17; ++lag) {
-    fast_avx2::ResidualConvBlock(*weights, lag == 0 ? impulse.data() : zero.data(), slot.get());
+    avx2::ResidualConvBlock(*weights, lag == 0 ? impulse.data() : zero.data(), slot.get());
     // Expected: (17 - lag) x normalised, in double.
     double mean = 0.0, squares = 0.0;
     std::vector<double> m(256);
@@ -197,7 +197,7 @@ TEST(residual_block_with_constant_depthwise_output_normalises_to_zero) {
   for (f16& d : weights->depthwise_bias) d = ToHalf(0.5f);
   auto slot = NewBlock<ResidualConvBlockSlot>();
   const std::vector<float> x = RandomFloats(256, 1.0f, rng);
-  fast_avx2::ResidualConvBlock(*weights, x.data(), slot.get());
+  avx2::ResidualConvBlock(*weights, x.data(), slot.get());
   bool zero = true;
   for (float v : slot->mixed) zero &= v == 0.0f;
   CHECK(zero);

@@ -22,7 +22,7 @@ TEST(phase_pairs_give_directions_and_zero_pairs_give_zero) {
     for (float& m : row) m = 0.5f + std::uniform_real_distribution<float>(0.0f, 2.0f)(rng);
   for (int s = 0; s < kStage2Steps; ++s) state->phase_states[s][2 * s] = state->phase_states[s][2 * s + 1] = 0.0f;
   state->magnitudes[0][0] = 1e30f;  // a (0, 0) pair stays 0 whatever the magnitude
-  fast_avx2::ComplexSpectra(state.get());
+  avx2::ComplexSpectra(state.get());
   for (int s = 0; s < kStage2Steps; ++s)
     for (int k = 0; k < kSpectrumValues; ++k) {
       const float re = state->spectra[s][k][0], im = state->spectra[s][k][1];

@@ -26,16 +26,16 @@ TEST(element_wise_helpers_match) {
   std::vector<f16> halves(n);
   FillHalves(halves.data(), n, 60.0f, rng);
   std::vector<float> ys(n), yv(n);
-  scalar::SiluCopy(x.data(), ys.data(), n), fast_avx2::SiluCopy(x.data(), yv.data(), n);
+  scalar::SiluCopy(x.data(), ys.data(), n), avx2::SiluCopy(x.data(), yv.data(), n);
   CHECK(SameFloats(ys.data(), yv.data(), n));
   ys = x, yv = x;
-  scalar::AddInPlace(ys.data(), a.data(), n), fast_avx2::AddInPlace(yv.data(), a.data(), n);
+  scalar::AddInPlace(ys.data(), a.data(), n), avx2::AddInPlace(yv.data(), a.data(), n);
   CHECK(SameFloats(ys.data(), yv.data(), n));
-  scalar::MeanOfThree(ys.data(), a.data(), b.data(), n), fast_avx2::MeanOfThree(yv.data(), a.data(), b.data(), n);
+  scalar::MeanOfThree(ys.data(), a.data(), b.data(), n), avx2::MeanOfThree(yv.data(), a.data(), b.data(), n);
   CHECK(SameFloats(ys.data(), yv.data(), n));
-  scalar::AddBias(ys.data(), a.data(), halves.data(), n), fast_avx2::AddBias(yv.data(), a.data(), halves.data(), n);
+  scalar::AddBias(ys.data(), a.data(), halves.data(), n), avx2::AddBias(yv.data(), a.data(), halves.data(), n);
   CHECK(SameFloats(ys.data(), yv.data(), n));
-  scalar::WidenHalves(halves.data(), ys.data(), n), fast_avx2::WidenHalves(halves.data(), yv.data(), n);
+  scalar::WidenHalves(halves.data(), ys.data(), n), avx2::WidenHalves(halves.data(), yv.data(), n);
   CHECK(SameFloats(ys.data(), yv.data(), n));
 }
 
@@ -55,7 +55,7 @@ TEST(log_magnitudes_match_beyond_the_clamp) {
   for (int frame = 0; frame < 2; ++frame) {
     const std::vector<float> x = RandomFloats(kStage2Steps * kStage2Channels, 1.0f, rng);
     scalar::LogMagnitudes(model->logmag_conv, model->logmag_bias, x.data(), history_s, &position_s, magnitudes_s);
-    fast_avx2::LogMagnitudes(model->logmag_conv, model->logmag_bias, x.data(), history_v, &position_v, magnitudes_v);
+    avx2::LogMagnitudes(model->logmag_conv, model->logmag_bias, x.data(), history_v, &position_v, magnitudes_v);
     CHECK(SameBits(magnitudes_s, magnitudes_v, sizeof magnitudes_s));
     CHECK(SameBits(history_s, history_v, sizeof history_s));
     CHECK(position_s == 4 && position_v == 4);
@@ -71,7 +71,7 @@ TEST(phase_gates_match_beyond_the_clamp) {
   FillFloats(hs, kPhaseHidden, 1.0f, rng);
   std::memcpy(hv, hs, sizeof hs);
   scalar::PhaseGates(gi, gh, hs);
-  fast_avx2::PhaseGates(gi, gh, hv);
+  avx2::PhaseGates(gi, gh, hv);
   CHECK(SameBits(hs, hv, sizeof hs));
 }
 
