@@ -8,6 +8,7 @@ import numpy as np
 import pytest
 import soundfile as sf
 
+import corvina
 from corvina_tools import cli, convert_files
 from corvina_tools.speech import speech_like
 
@@ -87,7 +88,7 @@ def test_bad_model_directory_is_an_error_not_an_abort(model_dir, inputs, tmp_pat
             (bad / "waveform_generator.bin").write_bytes(f.read(4096))
     result = run("convert", inputs[0], "-m", str(bad), "-o", str(tmp_path / "out.wav"))
     assert result.returncode == 1, result.stderr
-    assert "waveform_generator.bin" in result.stderr and "exactly 11463360 bytes" in result.stderr
+    assert "waveform_generator.bin" in result.stderr and f"exactly {corvina._WAVEFORM_GENERATOR_PARAMETER_BYTES} bytes" in result.stderr
     assert ("4096 bytes" if damage == "truncate" else "no such file") in result.stderr
     assert not (tmp_path / "out.wav").exists()
 
