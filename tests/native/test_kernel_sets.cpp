@@ -272,9 +272,10 @@ std::vector<float> ActivationInputs(Rng& rng, std::size_t n) {
     CHECK_MSG(SameFloats(ys.data(), yv.data(), n), "%s add, mean, normalise, bias", name);                       \
     scalar::WidenHalves(halves.data(), ys.data(), n), ns::WidenHalves(halves.data(), yv.data(), n);              \
     CHECK_MSG(SameFloats(ys.data(), yv.data(), n), "%s WidenHalves", name);                                      \
-    float hs[kPhaseHidden], hv[kPhaseHidden];                                                                    \
+    alignas(32) float g[6 * kPhaseHidden], hs[kPhaseHidden], hv[kPhaseHidden]; /* the unit's aligned rows */    \
+    std::memcpy(g, x.data(), sizeof g);                                                                          \
     std::memcpy(hs, b.data(), sizeof hs), std::memcpy(hv, b.data(), sizeof hv);                                  \
-    scalar::PhaseGates(x.data(), x.data() + 3 * kPhaseHidden, hs), ns::PhaseGates(x.data(), x.data() + 3 * kPhaseHidden, hv); \
+    scalar::PhaseGates(g, g + 3 * kPhaseHidden, hs), ns::PhaseGates(g, g + 3 * kPhaseHidden, hv);                \
     CHECK_MSG(SameFloats(hs, hv, kPhaseHidden), "%s PhaseGates", name);                                          \
     auto rs = NewBlock<RecurrentRecord>(), rv = NewBlock<RecurrentRecord>();                                     \
     std::memcpy(rs->input_gates, x.data(), sizeof rs->input_gates);                                             \
