@@ -265,11 +265,14 @@ std::vector<float> ActivationInputs(Rng& rng, std::size_t n) {
     CHECK_MSG(SameFloats(ys.data(), yv.data(), n), "%s SiluCopy", name);                                         \
     ys = x, yv = x;                                                                                              \
     scalar::AddInPlace(ys.data(), a.data(), n), ns::AddInPlace(yv.data(), a.data(), n);                          \
+    CHECK_MSG(SameFloats(ys.data(), yv.data(), n), "%s AddInPlace", name);                                       \
     scalar::MeanOfThree(ys.data(), a.data(), b.data(), n), ns::MeanOfThree(yv.data(), a.data(), b.data(), n);    \
+    CHECK_MSG(SameFloats(ys.data(), yv.data(), n), "%s MeanOfThree", name);                                      \
     scalar::NormalizeScaleShift(ys.data(), halves.data(), halves.data() + 1, 256);                               \
     ns::NormalizeScaleShift(yv.data(), halves.data(), halves.data() + 1, 256);                                   \
+    CHECK_MSG(SameFloats(ys.data(), yv.data(), n), "%s NormalizeScaleShift", name);                              \
     scalar::AddBias(ys.data(), a.data(), halves.data(), n), ns::AddBias(yv.data(), a.data(), halves.data(), n);  \
-    CHECK_MSG(SameFloats(ys.data(), yv.data(), n), "%s add, mean, normalise, bias", name);                       \
+    CHECK_MSG(SameFloats(ys.data(), yv.data(), n), "%s AddBias", name);                                          \
     scalar::WidenHalves(halves.data(), ys.data(), n), ns::WidenHalves(halves.data(), yv.data(), n);              \
     CHECK_MSG(SameFloats(ys.data(), yv.data(), n), "%s WidenHalves", name);                                      \
     alignas(32) float g[6 * kPhaseHidden], hs[kPhaseHidden], hv[kPhaseHidden]; /* the unit's aligned rows */    \
