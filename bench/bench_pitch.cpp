@@ -12,6 +12,7 @@
 #include "engine/aligned_block.h"
 #include "engine/corvina.h"
 #include "engine/fft.h"
+#include "engine/kernel_set.h"
 #include "pitch/pitch_decoder.h"
 #include "pitch/pitch_network.h"
 #include "pitch/spectral_front_end.h"
@@ -85,7 +86,7 @@ int main() {
   Timings ffts{"  4 FFTs of 560 alone", {}};
   for (int f = 0; f < kWarmUp + kFrames; ++f) {
     const double t_front = Microseconds([&] { SpectralFrontEnd(signal.data() + f * kHop, &stages->front); });
-    const double t_network = Microseconds([&] { PitchNetwork(block, stages); });
+    const double t_network = Microseconds([&] { ActiveKernels().pitch_network(block, &stages, 1); });
     const double t_decoder = Microseconds([&] { DecodePitch(stages->scores); });
     float a[562], b[562], r[560];
     const double t_fft = Microseconds([&] {

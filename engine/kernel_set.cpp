@@ -4,13 +4,18 @@
 
 #include <atomic>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 namespace corvina {
+
+extern const KernelTable kAvx2Kernels;    // isa_avx2.cpp
+extern const KernelTable kAvx512Kernels;  // isa_avx512.cpp
 namespace tanh_avx2 {
-bool MatchesLibrary();  // tanh_check_avx2.cpp: AVX2 code, run only where AVX2 is supported
+bool MatchesLibrary();  // isa_avx2.cpp: run only where AVX2 is supported
 }
+
 namespace {
 
 // XCR0: the register state the operating system saves on a context switch.
@@ -22,28 +27,18 @@ std::uint64_t SavedStateMask() {
 
 bool Bit(unsigned value, int bit) { return ((value >> bit) & 1u) != 0; }
 
-struct Features {
-  bool avx2 = false;    // AVX2, FMA, F16C with YMM state saved
-  bool avx512 = false;  // AVX-512 F, BW, VL, DQ with ZMM and mask state saved
-};
-
-Features Detect() {
-  Features f;
+ProcessorFeatures Detect() {
   unsigned eax, ebx, ecx, edx;
-  if (!__get_cpuid_count(1, 0, &eax, &ebx, &ecx, &edx)) return f;
+  if (!__get_cpuid_count(1, 0, &eax, &ebx, &ecx, &edx)) return {};
   const unsigned leaf1_ecx = ecx;
-  if (!Bit(leaf1_ecx, 27)) return f;  // OSXSAVE: XGETBV is usable
+  if (!Bit(leaf1_ecx, 27)) return {};  // OSXSAVE: XGETBV is usable
   const std::uint64_t xcr0 = SavedStateMask();
-  const bool ymm_saved = (xcr0 & 0x6u) == 0x6u;     // SSE and AVX state
-  const bool zmm_saved = (xcr0 & 0xE6u) == 0xE6u;   // plus opmask, ZMM_Hi256, Hi16_ZMM
-  if (!__get_cpuid_count(7, 0, &eax, &ebx, &ecx, &edx)) return f;
-  f.avx2 = ymm_saved && Bit(leaf1_ecx, 28) && Bit(leaf1_ecx, 12) && Bit(leaf1_ecx, 29) && Bit(ebx, 5);
-  f.avx512 = f.avx2 && zmm_saved && Bit(ebx, 16) && Bit(ebx, 17) && Bit(ebx, 30) && Bit(ebx, 31);
-  return f;
+  if (!__get_cpuid_count(7, 0, &eax, &ebx, &ecx, &edx)) return {};
+  return FeaturesFrom(leaf1_ecx, ebx, xcr0);
 }
 
-const Features& Supported() {
-  static const Features features = Detect();
+const ProcessorFeatures& Supported() {
+  static const ProcessorFeatures features = Detect();
   return features;
 }
 
@@ -59,25 +54,39 @@ KernelSet FromEnvironment() {
   return Best();
 }
 
+const KernelTable* const kTables[kKernelSets] = {&kAvx2Kernels, &kAvx512Kernels};
 std::atomic<int> g_active{static_cast<int>(FromEnvironment())};
 const bool g_vector_tanh = Supported().avx2 && tanh_avx2::MatchesLibrary();
 
 }  // namespace
 
-const char* KernelSetName(KernelSet set) {
-  switch (set) {
-    case KernelSet::kBasic: return "basic";
-    case KernelSet::kAvx2: return "avx2";
-    case KernelSet::kAvx512: return "avx512";
-  }
-  return "unknown";
+ProcessorFeatures FeaturesFrom(std::uint32_t leaf1_ecx, std::uint32_t leaf7_ebx, std::uint64_t xcr0) {
+  const bool ymm_saved = Bit(leaf1_ecx, 27) && (xcr0 & 0x6u) == 0x6u;  // OSXSAVE, SSE and AVX state
+  const bool zmm_saved = ymm_saved && (xcr0 & 0xE6u) == 0xE6u;         // plus opmask, ZMM_Hi256, Hi16_ZMM
+  ProcessorFeatures f;
+  f.avx2 = ymm_saved && Bit(leaf1_ecx, 28) && Bit(leaf1_ecx, 12) && Bit(leaf1_ecx, 29) && Bit(leaf7_ebx, 5);
+  f.avx512 = f.avx2 && zmm_saved && Bit(leaf7_ebx, 16) && Bit(leaf7_ebx, 17) && Bit(leaf7_ebx, 30) &&
+             Bit(leaf7_ebx, 31);
+  return f;
 }
+
+const char* KernelSetName(KernelSet set) { return set == KernelSet::kAvx512 ? "avx512" : "avx2"; }
 
 bool KernelSetSupported(KernelSet set) {
   return set == KernelSet::kAvx512 ? Supported().avx512 : Supported().avx2;
 }
 
+bool ProcessorSupported() { return Supported().avx2; }
+
+void RequireSupportedProcessor() {
+  if (ProcessorSupported()) return;
+  std::fputs("Unsupported CPU.\n", stderr);
+  std::abort();
+}
+
 bool VectorTanhExact() { return g_vector_tanh; }
+
+const KernelTable& ActiveKernels() { return *kTables[g_active.load(std::memory_order_relaxed)]; }
 
 KernelSet ActiveKernelSet() { return static_cast<KernelSet>(g_active.load(std::memory_order_relaxed)); }
 

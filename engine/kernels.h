@@ -1,11 +1,10 @@
-// Streaming layer kernels, in four builds with identical results:
-//   scalar::       the definition, plain loops in the order that fixes the result;
-//   avx2::         the same per-output order with 256-bit vectors, one panel at
-//                  a time (the straightforward build, kernel set "basic");
-//   fast_avx2::    the engine's sweeps (sweep.inc, fast_kernels.inc): several
+// Streaming layer kernels, in three builds with identical results:
+//   scalar::       the definition, plain loops in the order that fixes the result
+//                  (a test-only library);
+//   avx2::    the engine's sweeps (sweep.inc, fast_kernels.inc): several
 //                  steps per pass over the weights, weights prefetched ahead,
-//                  GELU fused behind the product that feeds it;
-//   fast_avx512::  the same with 512-bit vectors.
+//                  GELU fused behind the product that feeds it (isa_avx2.cpp);
+//   avx512::  the same with 512-bit vectors (isa_avx512.cpp).
 // engine/kernel_set.h chooses which build the processing functions run.
 // Every matrix product starts from the bias and accumulates with fused
 // multiply-adds over the inputs in ascending order, 32 outputs (one Panel32
@@ -48,7 +47,8 @@ void NormalizationCoefficients(const float* x, int n, float* r, float* s);
 // its own input x[s] and its own slot or output y[s]. Each panel's weights are
 // widened once for several streams and stay in cache for the rest, so a
 // batch fetches them from memory once. Every stream's outputs are those of
-// the one-stream kernel, bit for bit. Only the fast builds have them.
+// the one-stream kernel, bit for bit. The scalar build runs the streams in
+// turn (isa_scalar.cpp).
 constexpr int kMaxBatch = 16;
 
 #define CORVINA_DECLARE_BATCH_KERNELS                                                                   \
@@ -69,15 +69,13 @@ constexpr int kMaxBatch = 16;
 
 namespace scalar {
 CORVINA_DECLARE_KERNELS
+CORVINA_DECLARE_BATCH_KERNELS
 }
 namespace avx2 {
 CORVINA_DECLARE_KERNELS
-}
-namespace fast_avx2 {
-CORVINA_DECLARE_KERNELS
 CORVINA_DECLARE_BATCH_KERNELS
 }
-namespace fast_avx512 {
+namespace avx512 {
 CORVINA_DECLARE_KERNELS
 CORVINA_DECLARE_BATCH_KERNELS
 }

@@ -29,6 +29,14 @@ struct Phone {
   static void DestroyContext(Context* c) { Corvina_DestroyPhoneContext1(c); }
   static PyTypeObject* ContextType() { return &PhoneContextType; }
   static constexpr PyCFunctionWithKeywords kBatch = PhoneExtractorBatch;
+  static constexpr const char* kModelDoc =
+      "PhoneExtractor(): the phone extractor, empty until read_parameters(path).\n\n"
+      "model(input, context) -> float32 array (1, 256): one frame of 160 samples at\n"
+      "16 kHz to 256 phone features. One model serves any number of streams and\n"
+      "threads; each stream has its own PhoneContext.";
+  static constexpr const char* kContextDoc =
+      "PhoneContext(1): one stream's history for a PhoneExtractor, zero at\n"
+      "creation. Used by one call at a time.";
   static constexpr const char* kBatchDoc =
       "batch(input, contexts) -> float32 array (n, 256)\n\n"
       "One frame of n streams: input (n, 160) holds a frame per stream, contexts\n"
@@ -46,6 +54,14 @@ struct Pitch {
   static void DestroyContext(Context* c) { Corvina_DestroyPitchContext1(c); }
   static PyTypeObject* ContextType() { return &PitchContextType; }
   static constexpr PyCFunctionWithKeywords kBatch = PitchEstimatorBatch;
+  static constexpr const char* kModelDoc =
+      "PitchEstimator(): the pitch estimator, empty until read_parameters(path).\n\n"
+      "model(input, context) -> (int32 array (1,), float32 array (1, 4)): one frame of\n"
+      "160 samples at 16 kHz to a pitch bin in 1..383 and four pitch features\n"
+      "(loudness, probability of bin 0, lower- and upper-octave ratios).";
+  static constexpr const char* kContextDoc =
+      "PitchContext(1): one stream's history for a PitchEstimator, zero at\n"
+      "creation. Used by one call at a time.";
   static constexpr const char* kBatchDoc =
       "batch(input, contexts) -> (int32 array (n,), float32 array (n, 4))\n\n"
       "One frame of n streams: input (n, 160) holds a frame per stream, contexts\n"
@@ -63,6 +79,15 @@ struct Waveform {
   static void DestroyContext(Context* c) { Corvina_DestroyWaveformContext1(c); }
   static PyTypeObject* ContextType() { return &WaveformContextType; }
   static constexpr PyCFunctionWithKeywords kBatch = WaveformGeneratorBatch;
+  static constexpr const char* kModelDoc =
+      "WaveformGenerator(): the waveform generator, empty until read_parameters(path).\n\n"
+      "model(phone, quantized_pitch, pitch_features, speaker_embeddings, context)\n"
+      "    -> float32 array (1, 240): one frame of phone features (1, 256), a pitch\n"
+      "bin (1,), pitch features (1, 4) and a speaker embedding (1, 256) to 240\n"
+      "samples at 24 kHz.";
+  static constexpr const char* kContextDoc =
+      "WaveformContext(1): one stream's history for a WaveformGenerator,\n"
+      "zero at creation. Used by one call at a time.";
   static constexpr const char* kBatchDoc =
       "batch(phone, quantized_pitch, pitch_features, speaker_embeddings, contexts)\n"
       "    -> float32 array (n, 240)\n\n"
@@ -166,6 +191,7 @@ void DefineBase(PyTypeObject* type, const char* name, Py_ssize_t size) {
 template <typename Kind>
 void DefineModel(PyTypeObject* type, const char* name, ternaryfunc call) {
   DefineBase(type, name, sizeof(ModelObject));
+  type->tp_doc = Kind::kModelDoc;
   type->tp_init = ModelInit<Kind>;
   type->tp_dealloc = ModelDealloc<Kind>;
   type->tp_methods = ModelMethods<Kind>();
@@ -175,6 +201,7 @@ void DefineModel(PyTypeObject* type, const char* name, ternaryfunc call) {
 template <typename Kind>
 void DefineContext(PyTypeObject* type, const char* name) {
   DefineBase(type, name, sizeof(ContextObject));
+  type->tp_doc = Kind::kContextDoc;
   type->tp_init = ContextInit<Kind>;
   type->tp_dealloc = ContextDealloc<Kind>;
 }

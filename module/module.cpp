@@ -2,7 +2,7 @@
 // Compiled without vector ISA flags.
 #define CORVINA_BINDS_NUMPY
 #include "../engine/corvina.h"
-#include "cpu_check.h"
+#include "../engine/kernel_set.h"
 #include "objects.h"
 
 namespace {
@@ -11,7 +11,13 @@ PyMethodDef kMethods[] = {
     {"read_speaker_embeddings", corvina::ReadSpeakerEmbeddings, METH_VARARGS, "Read speaker embeddings from file."},
     {nullptr, nullptr, 0, nullptr}};
 
-PyModuleDef kModule = {PyModuleDef_HEAD_INIT, "corvina", nullptr, -1, kMethods, nullptr, nullptr, nullptr, nullptr};
+const char kModuleDoc[] =
+    "Real-time voice conversion, one 10 ms frame at a time: PhoneExtractor and\n"
+    "PitchEstimator take 160 samples of 16 kHz speech per frame, WaveformGenerator\n"
+    "turns their outputs and a speaker embedding into 240 samples of 24 kHz\n"
+    "speech. Each stream keeps its history in its own context objects.";
+
+PyModuleDef kModule = {PyModuleDef_HEAD_INIT, "corvina", kModuleDoc, -1, kMethods, nullptr, nullptr, nullptr, nullptr};
 
 struct NamedType {
   const char* name;
@@ -36,12 +42,18 @@ const struct {
     {"WAVEFORM_GENERATOR_HIDDEN_CHANNELS", CORVINA_WAVEFORM_GENERATOR_HIDDEN_CHANNELS},
     {"IN_SAMPLE_RATE", CORVINA_IN_SAMPLE_RATE},
     {"OUT_SAMPLE_RATE", CORVINA_OUT_SAMPLE_RATE},
+    // The exact sizes of the parameter files and of a speaker row, for the
+    // host package's checks before a read (private: not part of the surface).
+    {"_PHONE_EXTRACTOR_PARAMETER_BYTES", CORVINA_PHONE_EXTRACTOR_PARAMETER_BYTES},
+    {"_PITCH_ESTIMATOR_PARAMETER_BYTES", CORVINA_PITCH_ESTIMATOR_PARAMETER_BYTES},
+    {"_WAVEFORM_GENERATOR_PARAMETER_BYTES", CORVINA_WAVEFORM_GENERATOR_PARAMETER_BYTES},
+    {"_SPEAKER_EMBEDDING_BYTES", CORVINA_SPEAKER_EMBEDDING_BYTES},
 };
 
 }  // namespace
 
 PyMODINIT_FUNC PyInit_corvina(void) {
-  if (!corvina::CpuSupported()) {
+  if (!corvina::ProcessorSupported()) {
     PyErr_SetString(PyExc_ImportError, "Unsupported CPU.");
     return nullptr;
   }
@@ -67,5 +79,6 @@ PyMODINIT_FUNC PyInit_corvina(void) {
   }
   for (const auto& constant : kConstants)
     if (PyModule_AddIntConstant(module, constant.name, constant.value) < 0) return nullptr;
+  if (PyModule_AddStringConstant(module, "__version__", CORVINA_VERSION) < 0) return nullptr;
   return module;
 }

@@ -1,7 +1,6 @@
-// The phone extractor's own layers, in four builds with identical results:
+// The phone extractor's own layers, in three builds with identical results:
 //   scalar::  the definition, plain loops in the order that fixes the result;
-//   avx2::    the same per-output order with 256-bit vectors, one panel at a time;
-//   fast_avx2::, fast_avx512::  the engine's sweeps, several positions per pass (phone_fast.inc).
+//   avx2::, avx512::  the engine's sweeps, several positions per pass (phone_fast.inc).
 // Front-end convolutions carry no bias: each output starts from zero and
 // accumulates over taps (outer) and input channels (ascending) with fused
 // multiply-adds. Each layer updates its own history and ends with the GELU.
@@ -35,24 +34,20 @@ constexpr int kInputConvChannels = 32;
   /* One frame through the whole network; returns the 256 features inside the context. */               \
   const float* ExtractPhone(const PhoneExtractorBlock& model, const float* x, PhoneContext* context);
 
-namespace scalar {
-CORVINA_DECLARE_PHONE_KERNELS
-}
-namespace avx2 {
-CORVINA_DECLARE_PHONE_KERNELS
-// InputConvLayer before its GELU, for the fast builds (whose GELU is their own).
-void InputConvProducts(const f16* weight, const float* x, float* kept, float* output);
-}
 // One frame of n <= kMaxBatch streams, layer by layer across them; stream s's
 // features end in contexts[s]->output_dense.output, as ExtractPhone's would.
 #define CORVINA_DECLARE_PHONE_BATCH                                                                      \
   void ExtractPhoneN(const PhoneExtractorBlock& model, const float* const* x, PhoneContext* const* contexts, int n);
 
-namespace fast_avx2 {  // phone_fast.inc
+namespace scalar {
 CORVINA_DECLARE_PHONE_KERNELS
 CORVINA_DECLARE_PHONE_BATCH
 }
-namespace fast_avx512 {
+namespace avx2 {
+CORVINA_DECLARE_PHONE_KERNELS
+CORVINA_DECLARE_PHONE_BATCH
+}
+namespace avx512 {
 CORVINA_DECLARE_PHONE_KERNELS
 CORVINA_DECLARE_PHONE_BATCH
 }

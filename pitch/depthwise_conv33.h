@@ -2,7 +2,7 @@
 // Each channel starts from its bias and accumulates with fused multiply-adds
 // from the oldest frame (tap 0, 32 frames ago) to the current one (tap 32).
 // The input then replaces the oldest ring slot and the index advances.
-// scalar:: is the definition; avx2:: (and the fast builds, which use it)
+// scalar:: is the definition; the vector builds (short_kernels_avx2.inc)
 // match it bit for bit.
 #pragma once
 #include "pitch_layout.h"
@@ -14,10 +14,7 @@ void DepthwiseConv33(const PitchBlockWeights& weights, const float* x, PitchBloc
 namespace avx2 {
 void DepthwiseConv33(const PitchBlockWeights& weights, const float* x, PitchBlockState* state, float* out);
 }
-namespace fast_avx2 {
-void DepthwiseConv33(const PitchBlockWeights& weights, const float* x, PitchBlockState* state, float* out);
-}
-namespace fast_avx512 {
+namespace avx512 {
 void DepthwiseConv33(const PitchBlockWeights& weights, const float* x, PitchBlockState* state, float* out);
 }
 }  // namespace corvina

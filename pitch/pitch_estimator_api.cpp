@@ -1,12 +1,11 @@
 // Exported entry points of the pitch estimator. Compiled without vector ISA
-// flags: only the network's kernels use AVX2.
+// flags: the network runs from the active kernel table (engine/kernel_set.h).
 #include "../engine/aligned_block.h"
 #include "../engine/corvina.h"
 #include "../engine/kernel_set.h"
 #include "../engine/kernels.h"
 #include "pitch_decoder.h"
 #include "pitch_layout.h"
-#include "pitch_network.h"
 #include "pitch_parameters.h"
 #include "spectral_front_end.h"
 
@@ -32,6 +31,7 @@ static void DecodeInto(PitchContext* state, int32_t* quantized_pitch, float* pit
 extern "C" {
 
 CorvinaPitchEstimator* Corvina_CreatePitchEstimator(void) {
+  RequireSupportedProcessor();
   return reinterpret_cast<CorvinaPitchEstimator*>(NewZeroedBlock<PitchEstimatorBlock>());
 }
 
@@ -52,34 +52,21 @@ int Corvina_ReadPitchEstimatorParameters(CorvinaPitchEstimator* model, const cha
 
 void Corvina_EstimatePitch1(const CorvinaPitchEstimator* model, const float* input, int32_t* quantized_pitch,
                             float* pitch_features, CorvinaPitchContext1* context) {
-  auto* state = reinterpret_cast<PitchContext*>(context);
-  SpectralFrontEnd(input, &state->front);
-  PitchNetwork(*reinterpret_cast<const PitchEstimatorBlock*>(model), state);
-  DecodeInto(state, quantized_pitch, pitch_features);
+  Corvina_EstimatePitchN(model, 1, &input, &quantized_pitch, &pitch_features, &context);
 }
 
-// Groups of up to kMaxBatch streams through the batched network of the fast
-// sets (the front end and the decoder are per stream); the basic set is the
-// straightforward build and runs stream by stream.
+// Groups of up to kMaxBatch streams through the active set's network; the
+// front end and the decoder run per stream.
 void Corvina_EstimatePitchN(const CorvinaPitchEstimator* model, int32_t n, const float* const* inputs,
                             int32_t* const* quantized_pitch, float* const* pitch_features,
                             CorvinaPitchContext1* const* contexts) {
-  const KernelSet set = ActiveKernelSet();
-  if (set == KernelSet::kBasic) {
-    for (int32_t i = 0; i < n; ++i)
-      Corvina_EstimatePitch1(model, inputs[i], quantized_pitch[i], pitch_features[i], contexts[i]);
-    return;
-  }
   const auto& block = *reinterpret_cast<const PitchEstimatorBlock*>(model);
+  const KernelTable& kernels = ActiveKernels();
   for (int32_t first = 0; first < n; first += kMaxBatch) {
     const int count = n - first < kMaxBatch ? static_cast<int>(n - first) : kMaxBatch;
     PitchContext* const* group = reinterpret_cast<PitchContext* const*>(contexts + first);
     for (int s = 0; s < count; ++s) SpectralFrontEnd(inputs[first + s], &group[s]->front);
-    if (set == KernelSet::kAvx512) {
-      fast_avx512::PitchNetworkN(block, group, count);
-    } else {
-      fast_avx2::PitchNetworkN(block, group, count);
-    }
+    kernels.pitch_network(block, group, count);
     for (int s = 0; s < count; ++s) DecodeInto(group[s], quantized_pitch[first + s], pitch_features[first + s]);
   }
 }

@@ -10,6 +10,7 @@ import numpy as np
 import pytest
 
 import corvina
+import corvina_tools
 
 TYPES = {"phone": (corvina.PhoneExtractor, corvina.PhoneContext),
          "pitch": (corvina.PitchEstimator, corvina.PitchContext),
@@ -18,6 +19,7 @@ WAVEFORM_ARGS = ("phone", "quantized_pitch", "pitch_features", "speaker_embeddin
 
 
 def test_public_surface():
+    assert isinstance(corvina.__version__, str) and corvina.__version__ == corvina_tools.__version__
     public = {k: v for k, v in vars(corvina).items() if not k.startswith("_")}
     assert {k for k, v in public.items() if isinstance(v, type)} == {t.__name__ for p in TYPES.values() for t in p}
     assert [k for k, v in public.items() if callable(v) and not isinstance(v, type)] == ["read_speaker_embeddings"]

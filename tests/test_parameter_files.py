@@ -10,12 +10,13 @@ import sys
 import numpy as np
 import pytest
 
+import corvina
 from signals import SEED
 
-FILES = {  # type name -> file name in a model directory, size
-    "PhoneExtractor": ("phone_extractor.bin", 10847360),
-    "PitchEstimator": ("pitch_estimator.bin", 3434112),
-    "WaveformGenerator": ("waveform_generator.bin", 11463360),
+FILES = {  # type name -> file name in a model directory, size (the C header's)
+    "PhoneExtractor": ("phone_extractor.bin", corvina._PHONE_EXTRACTOR_PARAMETER_BYTES),
+    "PitchEstimator": ("pitch_estimator.bin", corvina._PITCH_ESTIMATOR_PARAMETER_BYTES),
+    "WaveformGenerator": ("waveform_generator.bin", corvina._WAVEFORM_GENERATOR_PARAMETER_BYTES),
 }
 SMALL, LARGE = "Too small file.", "Too large file."
 

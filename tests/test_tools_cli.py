@@ -5,6 +5,7 @@ import numpy as np
 import pytest
 import soundfile as sf
 
+import corvina
 from corvina_tools import cli, convert_files
 from corvina_tools.speech import speech_like
 

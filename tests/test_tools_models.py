@@ -13,7 +13,9 @@ from corvina_tools.info import describe
 from reference import phone, pitch, waveform
 from signals import Chain
 
-SIZES = {"phone_extractor.bin": 10847360, "pitch_estimator.bin": 3434112, "waveform_generator.bin": 11463360}
+SIZES = {"phone_extractor.bin": corvina._PHONE_EXTRACTOR_PARAMETER_BYTES,
+         "pitch_estimator.bin": corvina._PITCH_ESTIMATOR_PARAMETER_BYTES,
+         "waveform_generator.bin": corvina._WAVEFORM_GENERATOR_PARAMETER_BYTES}
 
 
 @pytest.fixture

@@ -1,9 +1,8 @@
 // The residual stacks' square causal convolution, N channels in and out,
-// kernel K, dilation D, over the T steps of one frame, in two builds with
+// kernel K, dilation D, over the T steps of one frame, in three builds with
 // identical results:
 //   scalar::  the definition, plain loops in the order that fixes the result;
-//   avx2::    the same per-output order with 256-bit vectors;
-//   fast_avx2::, fast_avx512::  the engine's sweeps (engine/sweep.inc).
+//   avx2::, avx512::  the engine's sweeps (engine/sweep.inc).
 //
 // Step t of tap k reads the input step (K - 1 - k) * D steps back, from the
 // ring of the last H = (K - 1) * D steps when that lies in an earlier frame.
@@ -39,17 +38,12 @@ template <int N, int T, int K, int D>
 void DilatedCausalConv(const DilatedConvWeights<N, K>& weights, const float* input,
                        DilatedCausalConvState<N, T, kDilatedHistory<K, D>>* state);
 }
-namespace avx2 {
+namespace avx2 {  // dilated_causal_conv_fast.inc
 template <int N, int T, int K, int D>
 void DilatedCausalConv(const DilatedConvWeights<N, K>& weights, const float* input,
                        DilatedCausalConvState<N, T, kDilatedHistory<K, D>>* state);
 }
-namespace fast_avx2 {  // dilated_causal_conv_fast.inc
-template <int N, int T, int K, int D>
-void DilatedCausalConv(const DilatedConvWeights<N, K>& weights, const float* input,
-                       DilatedCausalConvState<N, T, kDilatedHistory<K, D>>* state);
-}
-namespace fast_avx512 {
+namespace avx512 {
 template <int N, int T, int K, int D>
 void DilatedCausalConv(const DilatedConvWeights<N, K>& weights, const float* input,
                        DilatedCausalConvState<N, T, kDilatedHistory<K, D>>* state);

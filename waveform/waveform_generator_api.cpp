@@ -1,6 +1,5 @@
 // Exported entry points of the waveform generator. Compiled without vector ISA
-// flags: only the network and synthesis builds use vector instructions; the
-// kernel set picks one.
+// flags: the network runs from the active kernel table (engine/kernel_set.h).
 #include <cstring>
 
 #include "../engine/aligned_block.h"
@@ -38,6 +37,7 @@ static WaveformContext* StoreFrame(CorvinaWaveformContext1* context, const float
 extern "C" {
 
 CorvinaWaveformGenerator* Corvina_CreateWaveformGenerator(void) {
+  RequireSupportedProcessor();
   WaveformGeneratorBlock* model = NewZeroedBlock<WaveformGeneratorBlock>();
   StoreWaveformTables(model);
   return reinterpret_cast<CorvinaWaveformGenerator*>(model);
@@ -63,20 +63,13 @@ int Corvina_ReadWaveformGeneratorParameters(CorvinaWaveformGenerator* model, con
 void Corvina_GenerateWaveform1(const CorvinaWaveformGenerator* model, const float* phone,
                                const int32_t* quantized_pitch, const float* pitch_features,
                                const float* speaker_embedding, float* output, CorvinaWaveformContext1* context) {
-  WaveformContext* state = StoreFrame(context, phone, quantized_pitch, pitch_features, speaker_embedding);
-  const auto& block = *reinterpret_cast<const WaveformGeneratorBlock*>(model);
-  const float* samples;
-  switch (ActiveKernelSet()) {
-    case KernelSet::kAvx512: samples = fast_avx512::GenerateWaveform(block, state->inputs, state); break;
-    case KernelSet::kAvx2: samples = fast_avx2::GenerateWaveform(block, state->inputs, state); break;
-    default: samples = avx2::GenerateWaveform(block, state->inputs, state); break;
-  }
-  std::memcpy(output, samples, sizeof(float) * kOutHop);
+  Corvina_GenerateWaveformN(model, 1, &phone, &quantized_pitch, &pitch_features, &speaker_embedding, &output,
+                            &context);
 }
 
 // Every stream's inputs are copied before any output is written, so any
-// output may overlap any input. The fast sets run up to kMaxBatch streams
-// layer by layer; the basic set, the reference build, one stream at a time.
+// output may overlap any input. Groups of up to kMaxBatch streams run
+// through the active set's network.
 void Corvina_GenerateWaveformN(const CorvinaWaveformGenerator* model, int32_t n, const float* const* phone,
                                const int32_t* const* quantized_pitch, const float* const* pitch_features,
                                const float* const* speaker_embedding, float* const* output,
@@ -84,23 +77,11 @@ void Corvina_GenerateWaveformN(const CorvinaWaveformGenerator* model, int32_t n,
   for (int32_t i = 0; i < n; ++i)
     StoreFrame(contexts[i], phone[i], quantized_pitch[i], pitch_features[i], speaker_embedding[i]);
   const auto& block = *reinterpret_cast<const WaveformGeneratorBlock*>(model);
-  const KernelSet set = ActiveKernelSet();
-  if (set == KernelSet::kBasic) {
-    for (int32_t i = 0; i < n; ++i) {
-      WaveformContext* state = reinterpret_cast<WaveformContext*>(contexts[i]);
-      std::memcpy(output[i], avx2::GenerateWaveform(block, state->inputs, state), sizeof(float) * kOutHop);
-    }
-    return;
-  }
+  const KernelTable& kernels = ActiveKernels();
   for (int32_t first = 0; first < n; first += kMaxBatch) {
     const int count = n - first < kMaxBatch ? static_cast<int>(n - first) : kMaxBatch;
-    WaveformContext* batch[kMaxBatch];
-    for (int i = 0; i < count; ++i) batch[i] = reinterpret_cast<WaveformContext*>(contexts[first + i]);
-    if (set == KernelSet::kAvx512) {
-      fast_avx512::GenerateWaveformN(block, count, batch);
-    } else {
-      fast_avx2::GenerateWaveformN(block, count, batch);
-    }
+    WaveformContext* const* batch = reinterpret_cast<WaveformContext* const*>(contexts + first);
+    kernels.generate_waveform(block, count, batch);
     for (int i = 0; i < count; ++i)
       std::memcpy(output[first + i], batch[i]->synthesis.output, sizeof(float) * kOutHop);
   }

@@ -1,11 +1,10 @@
-// The waveform generator's layers and stages, in four builds with identical
+// The waveform generator's layers and stages, in three builds with identical
 // results:
 //   scalar::  the definition, plain loops in the order that fixes the result;
-//   avx2::    the same per-output order with 256-bit vectors (kernel set "basic");
-//   fast_avx2::, fast_avx512::  the same stages on the fast kernels.
-// The stages built from kernels (residual stacks, upsampling, synthesis, the
-// whole frame) are written once, in the *.inc bodies, and compiled in both
-// namespaces, so a whole scalar generator can be compared with the vector one.
+//   avx2::, avx512::  the same stages on the vector kernels.
+// The stages built from kernels (residual stacks, upsampling, synthesis) are
+// written once, in the *.inc bodies, and compiled in every namespace, so a
+// whole scalar generator can be compared with the vector ones.
 // Everything reads the model and writes only the context (or the stack).
 #pragma once
 #include <cstdint>
@@ -74,7 +73,7 @@ enum WaveformInput { kSpeakerInput = 0, kPitchFeaturesInput = 1, kQuantizedPitch
   const float* GenerateWaveform(const WaveformGeneratorBlock& model, const void* const* inputs,                 \
                                 WaveformContext* context);
 
-// Batches, fast builds only: one frame of n streams (1 <= n <= kMaxBatch of
+// Batches, every set (waveform_network.inc): one frame of n streams (1 <= n <= kMaxBatch of
 // engine/kernels.h), each context's inputs table filled as for
 // GenerateWaveform. Runs layer by layer across the streams, so each layer's
 // weights come from memory once per batch; every stream's results are those of
@@ -90,15 +89,13 @@ enum WaveformInput { kSpeakerInput = 0, kPitchFeaturesInput = 1, kQuantizedPitch
 
 namespace scalar {
 CORVINA_DECLARE_WAVEFORM_KERNELS
+CORVINA_DECLARE_WAVEFORM_BATCH
 }
-namespace avx2 {
-CORVINA_DECLARE_WAVEFORM_KERNELS
-}
-namespace fast_avx2 {  // waveform_fast_avx2.cpp
+namespace avx2 {  // waveform_fast_avx2.cpp
 CORVINA_DECLARE_WAVEFORM_KERNELS
 CORVINA_DECLARE_WAVEFORM_BATCH
 }
-namespace fast_avx512 {
+namespace avx512 {
 CORVINA_DECLARE_WAVEFORM_KERNELS
 CORVINA_DECLARE_WAVEFORM_BATCH
 }

@@ -161,7 +161,8 @@ def import_sounddevice():
         raise LiveError(f"audio is not available: {e}. Install the PortAudio library "
                         "(for example the libportaudio2 package) and try again.") from None
     except ImportError as e:
-        raise LiveError(f"audio is not available: {e}. Install python-sounddevice.") from None
+        raise LiveError(f"audio is not available: {e}. Install the live extra: "
+                        "pip install 'corvina[live]'.") from None
     return sounddevice
 
 

@@ -10,7 +10,9 @@ from dataclasses import dataclass
 
 import numpy as np
 
-SPEAKER_ROW_BYTES = 512          # 256 half floats
+import corvina
+
+SPEAKER_ROW_BYTES = corvina._SPEAKER_EMBEDDING_BYTES  # 256 half floats
 SPEAKER_CHANNELS = 256
 
 
@@ -22,9 +24,13 @@ class ModelFile:
     size: int = 0                # exact byte count; 0 for the speaker file
 
 
-PHONE = ModelFile("phone", "phone_extractor.bin", "phone extractor parameters", 10847360)
-PITCH = ModelFile("pitch", "pitch_estimator.bin", "pitch estimator parameters", 3434112)
-WAVEFORM = ModelFile("waveform", "waveform_generator.bin", "waveform generator parameters", 11463360)
+# Exact sizes from the engine's C header (CORVINA_*_PARAMETER_BYTES).
+PHONE = ModelFile("phone", "phone_extractor.bin", "phone extractor parameters",
+                  corvina._PHONE_EXTRACTOR_PARAMETER_BYTES)
+PITCH = ModelFile("pitch", "pitch_estimator.bin", "pitch estimator parameters",
+                  corvina._PITCH_ESTIMATOR_PARAMETER_BYTES)
+WAVEFORM = ModelFile("waveform", "waveform_generator.bin", "waveform generator parameters",
+                     corvina._WAVEFORM_GENERATOR_PARAMETER_BYTES)
 SPEAKERS = ModelFile("speakers", "speaker_embeddings.bin", "speaker embeddings")
 MODEL_FILES = (PHONE, PITCH, WAVEFORM, SPEAKERS)
 

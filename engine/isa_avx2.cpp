@@ -1,11 +1,33 @@
-// The load-time comparison of the vector tanh with the library's.
+// The AVX2 set: every kernel and network on 256-bit vectors, and its table.
+// One of the two files compiled with AVX2/FMA/F16C; the load-time tanh check
+// lives here too, as it runs the vector tanh.
 #include <cmath>
 #include <cstdint>
 #include <cstring>
 
+#include "../phone/phone_kernels.h"
+#include "../pitch/depthwise_conv33.h"
+#include "../pitch/pitch_network.h"
+#include "../waveform/dilated_causal_conv.h"
+#include "../waveform/waveform_kernels.h"
+#include "batch.h"
+#include "fft.h"
+#include "kernel_set.h"
+#include "kernels.h"
 #include "tanh_avx2.h"
+#include "vector_math_avx2.h"
 
 namespace corvina {
+namespace avx2 {
+
+using Lanes = Lanes8;
+#include "vector_set.inc"
+
+}  // namespace avx2
+
+extern const KernelTable kAvx2Kernels = {"avx2", avx2::ExtractPhoneN, avx2::PitchNetworkN,
+                                         avx2::GenerateWaveformN};
+
 namespace tanh_avx2 {
 
 std::uint64_t CountMismatches(std::uint64_t first, std::uint64_t end, std::uint64_t stride) {

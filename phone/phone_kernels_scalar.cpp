@@ -1,8 +1,15 @@
-// Front-end convolutions, the definition: one output at a time, taps outer,
-// input channels ascending, from zero (the convolutions have no bias).
+// The phone extractor's own kernels, the definitions.
+// Front-end convolutions: one output at a time, taps outer, input channels
+// ascending, from zero (the convolutions have no bias); the last one, kernel 2
+// and stride 2, is the network's PairConvLayerN on MatrixSweepN.
+// Recurrent gates, per channel c, in single precision:
+//   r = Sigmoid(gi_r + gh_r), z = Sigmoid(gi_z + gh_z)    (each sum rounded)
+//   n = RecurrentTanh(fma(r, gh_n, gi_n))                 (r scales gh_n, bias included)
+//   h = fma(z, h_prev, (1 - z) * n)                       (1 - z and the product rounded)
 #include <cmath>
 #include <cstring>
 
+#include "../engine/activations_scalar.h"
 #include "../engine/kernels.h"
 #include "phone_kernels.h"
 
@@ -50,10 +57,9 @@ void StridedConvLayer(const f16* weight, const float* input, float* previous, fl
   GeluInPlace(output, out_positions * outputs);
 }
 
-void PairConvLayer(const f16* weight, const float* input, float* output) {
-  const float* rows[2] = {input, input + kChannels};
-  ConvPosition(weight, rows, 2, output, kChannels, kChannels);
-  GeluInPlace(output, kChannels);
+void RecurrentGates(RecurrentRecord* record) {
+  GatedRecurrentUpdate(record->input_gates, record->state_gates, record->state, kChannels);
+  std::memcpy(record->output, record->state, sizeof record->output);
 }
 
 }  // namespace scalar

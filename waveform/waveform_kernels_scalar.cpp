@@ -1,6 +1,7 @@
-// The synthesis pieces' definitions: plain loops in the order of
-// accumulation that fixes the result. The synthesis itself is in
-// spectral_synthesis.inc.
+// The waveform generator's element-wise and synthesis kernels, the
+// definitions: plain loops in the order of accumulation that fixes the
+// result. The stages built from them are in residual_stack.inc,
+// upsampling.inc and spectral_synthesis.inc.
 //   log-magnitudes: bias, then taps ascending (oldest first), inputs ascending;
 //   phase gates:    as the phone extractor's recurrent layers;
 //   overlap-add:    buffer = fma(window, frame, shifted buffer), out = buffer * scale * gain;
@@ -16,6 +17,26 @@
 
 namespace corvina {
 namespace scalar {
+
+void SiluCopy(const float* x, float* y, int n) {
+  for (int i = 0; i < n; ++i) y[i] = Silu(x[i]);
+}
+
+void AddInPlace(float* y, const float* x, int n) {
+  for (int i = 0; i < n; ++i) y[i] = x[i] + y[i];
+}
+
+void MeanOfThree(float* out, const float* a, const float* b, int n) {
+  for (int i = 0; i < n; ++i) out[i] = ((out[i] + a[i]) + b[i]) * kOneThird;
+}
+
+void AddBias(float* y, const float* x, const f16* bias, int n) {
+  for (int i = 0; i < n; ++i) y[i] = x[i] + HalfToFloat(bias[i]);
+}
+
+void WidenHalves(const f16* x, float* y, int n) {
+  for (int i = 0; i < n; ++i) y[i] = HalfToFloat(x[i]);
+}
 
 void LogMagnitudes(const f16 (*weight)[kSpectrumValues][kStage2Channels], const f16* bias, const float* x,
                    float (*history)[kStage2Channels], std::int32_t* position, float (*magnitudes)[kSpectrumValues]) {
@@ -74,7 +95,6 @@ void BandMerge(const f16 (*filter)[kBands], const float (*bands)[kBandSamples], 
   *position = next;
 }
 
-#include "spectral_synthesis.inc"
 
 }  // namespace scalar
 }  // namespace corvina

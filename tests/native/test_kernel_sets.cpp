@@ -1,9 +1,13 @@
-// The fast kernel builds (fast_avx2, and fast_avx512 where the processor has
-// it) against the scalar definitions, bit for bit, layer by layer: every
-// matrix shape the networks use and the odd ones (one input, one panel), the
-// fused product-and-GELU, the streaming layers over several frames of their
-// rings, the phone front end and every dilated convolution of the waveform
-// stacks. Weights are random bit patterns, subnormal halves included.
+// Every vector kernel set (avx2, and avx512 where the processor has it)
+// against the scalar definitions, bit for bit, kernel by kernel, one table of
+// entry points per set: every matrix shape the networks use and the odd ones
+// (one input, one panel), the batched sweeps for every tap count up to the
+// limit and every batch size, the fused product-and-GELU, the streaming layers
+// over several frames of their rings, the phone front end, every dilated
+// convolution of the waveform stacks, and the short kernels on values a
+// stream of order-one activations never reaches (past the +-88 clamps).
+// Weights are random bit patterns, subnormal halves included. The whole
+// networks are compared in test_golden_chain.
 #include <cstdio>
 #include <cstring>
 #include <vector>
@@ -12,7 +16,9 @@
 #include "engine/kernel_set.h"
 #include "engine/kernels.h"
 #include "phone/phone_kernels.h"
+#include "pitch/depthwise_conv33.h"
 #include "test_waveform_support.h"
+#include "waveform/waveform_kernels.h"
 #include "waveform/dilated_causal_conv.h"
 
 using namespace waveform_test;
@@ -35,15 +41,17 @@ struct FastBuild {
   decltype(&scalar::PairConvLayer) pair_conv;
   decltype(&scalar::RecurrentLayer) recurrent;
   decltype(&scalar::GeluInPlace) gelu;
+  decltype(&scalar::MatrixSweepN) sweep;
 };
 
 #define CORVINA_FAST_BUILD(ns, kernel_set)                                                                     \
   FastBuild {                                                                                                   \
     #ns, kernel_set, ns::PanelProduct, ns::PanelAccumulate, ns::PanelProductGelu, ns::CausalConv7Layer,         \
-        ns::ResidualConvBlock, ns::StridedConvLayer, ns::PairConvLayer, ns::RecurrentLayer, ns::GeluInPlace     \
+        ns::ResidualConvBlock, ns::StridedConvLayer, ns::PairConvLayer, ns::RecurrentLayer, ns::GeluInPlace,    \
+        ns::MatrixSweepN                                                                                        \
   }
-const FastBuild kBuilds[] = {CORVINA_FAST_BUILD(fast_avx2, KernelSet::kAvx2),
-                             CORVINA_FAST_BUILD(fast_avx512, KernelSet::kAvx512)};
+const FastBuild kBuilds[] = {CORVINA_FAST_BUILD(avx2, KernelSet::kAvx2),
+                             CORVINA_FAST_BUILD(avx512, KernelSet::kAvx512)};
 #undef CORVINA_FAST_BUILD
 
 template <typename Check>
@@ -127,6 +135,35 @@ TEST(matrix_products_match_for_every_shape) {
   });
 }
 
+// The batched sweep takes up to 7 taps (the size of its row table) for up to
+// kMaxBatch streams: each tap count to that limit, each batch size.
+TEST(batched_sweeps_match_for_every_tap_count_and_batch_size) {
+  Rng rng(check::Seed());
+  constexpr int kOutputs = 64, kInputs = 48, kTaps = 7;
+  Weights weight(static_cast<std::size_t>(kTaps) * kOutputs * kInputs);
+  RandomHalves(weight.data, static_cast<std::size_t>(kTaps) * kOutputs * kInputs, rng);
+  std::vector<std::vector<float>> inputs;
+  for (int r = 0; r < kTaps * kMaxBatch; ++r) inputs.push_back(RandomFloats(kInputs, 2.0f, rng));
+  const std::vector<float> start = RandomFloats(kOutputs, 2.0f, rng);
+  ForEachBuild([&](const FastBuild& build) {
+    for (int taps = 1; taps <= kTaps; ++taps)
+      for (int n = 1; n <= kMaxBatch; ++n) {
+        const float* rows[kTaps * kMaxBatch];
+        for (int r = 0; r < taps * n; ++r) rows[r] = inputs[r].data();
+        std::vector<std::vector<float>> expected(n, start), got(n, start);
+        float* y_expected[kMaxBatch];
+        float* y_got[kMaxBatch];
+        for (int s = 0; s < n; ++s) y_expected[s] = expected[s].data(), y_got[s] = got[s].data();
+        const std::size_t tap_stride = static_cast<std::size_t>(kOutputs) * kInputs;
+        scalar::MatrixSweepN(weight.data, tap_stride, rows, taps, kInputs, y_expected, n, kOutputs);
+        build.sweep(weight.data, tap_stride, rows, taps, kInputs, y_got, n, kOutputs);
+        bool same = true;
+        for (int s = 0; s < n; ++s) same &= SameFloats(expected[s].data(), got[s].data(), kOutputs);
+        CHECK_MSG(same, "%s: %d taps, %d streams", build.name, taps, n);
+      }
+  });
+}
+
 TEST(streaming_layers_match_over_their_rings) {
   Rng rng(check::Seed());
   auto conv = NewBlock<CausalConv7Weights>();
@@ -204,6 +241,72 @@ TEST(phone_layers_match) {
 
 namespace {
 
+// Values across the activations' interesting range, the +-88 clamp included.
+std::vector<float> ActivationInputs(Rng& rng, std::size_t n) {
+  std::vector<float> v = {0.0f, -0.0f, 1e-30f, -1e-30f, 87.3f, -87.3f, 87.4f, -87.4f, 88.0f, -88.0f,
+                          88.5f, -88.5f, 100.0f, -100.0f, 1e6f, -1e6f, 43.9f, -43.9f, 44.0f, -44.0f};
+  std::uniform_real_distribution<float> wide(-120.0f, 120.0f), narrow(-6.0f, 6.0f);
+  while (v.size() < n) v.push_back(v.size() % 2 ? wide(rng) : narrow(rng));
+  return v;
+}
+
+// The short kernels of one set (short_kernels_avx2.inc in both vector sets).
+#define CHECK_SHORT_KERNELS(ns)                                                                                  \
+  do {                                                                                                           \
+    const char* name = #ns;                                                                                      \
+    for (auto kernel : {std::make_pair(&scalar::SiluInPlace, &ns::SiluInPlace),                                  \
+                        std::make_pair(&scalar::Normalize, &ns::Normalize)}) {                                   \
+      std::vector<float> expected = x, got = x;                                                                  \
+      kernel.first(expected.data(), n), kernel.second(got.data(), n);                                            \
+      CHECK_MSG(SameFloats(expected.data(), got.data(), n), "%s element-wise", name);                           \
+    }                                                                                                            \
+    std::vector<float> ys(n), yv(n);                                                                             \
+    scalar::SiluCopy(x.data(), ys.data(), n), ns::SiluCopy(x.data(), yv.data(), n);                              \
+    CHECK_MSG(SameFloats(ys.data(), yv.data(), n), "%s SiluCopy", name);                                         \
+    ys = x, yv = x;                                                                                              \
+    scalar::AddInPlace(ys.data(), a.data(), n), ns::AddInPlace(yv.data(), a.data(), n);                          \
+    CHECK_MSG(SameFloats(ys.data(), yv.data(), n), "%s AddInPlace", name);                                       \
+    scalar::MeanOfThree(ys.data(), a.data(), b.data(), n), ns::MeanOfThree(yv.data(), a.data(), b.data(), n);    \
+    CHECK_MSG(SameFloats(ys.data(), yv.data(), n), "%s MeanOfThree", name);                                      \
+    scalar::NormalizeScaleShift(ys.data(), halves.data(), halves.data() + 1, 256);                               \
+    ns::NormalizeScaleShift(yv.data(), halves.data(), halves.data() + 1, 256);                                   \
+    CHECK_MSG(SameFloats(ys.data(), yv.data(), n), "%s NormalizeScaleShift", name);                              \
+    scalar::AddBias(ys.data(), a.data(), halves.data(), n), ns::AddBias(yv.data(), a.data(), halves.data(), n);  \
+    CHECK_MSG(SameFloats(ys.data(), yv.data(), n), "%s AddBias", name);                                          \
+    scalar::WidenHalves(halves.data(), ys.data(), n), ns::WidenHalves(halves.data(), yv.data(), n);              \
+    CHECK_MSG(SameFloats(ys.data(), yv.data(), n), "%s WidenHalves", name);                                      \
+    alignas(32) float g[6 * kPhaseHidden], hs[kPhaseHidden], hv[kPhaseHidden]; /* the unit's aligned rows */    \
+    std::memcpy(g, x.data(), sizeof g);                                                                          \
+    std::memcpy(hs, b.data(), sizeof hs), std::memcpy(hv, b.data(), sizeof hv);                                  \
+    scalar::PhaseGates(g, g + 3 * kPhaseHidden, hs), ns::PhaseGates(g, g + 3 * kPhaseHidden, hv);                \
+    CHECK_MSG(SameFloats(hs, hv, kPhaseHidden), "%s PhaseGates", name);                                          \
+    auto rs = NewBlock<RecurrentRecord>(), rv = NewBlock<RecurrentRecord>();                                     \
+    std::memcpy(rs->input_gates, x.data(), sizeof rs->input_gates);                                             \
+    std::memcpy(rs->state_gates, x.data() + 3 * kChannels, sizeof rs->state_gates);                             \
+    std::memcpy(rs->state, b.data(), sizeof rs->state);                                                          \
+    std::memcpy(rv.get(), rs.get(), sizeof(RecurrentRecord));                                                    \
+    scalar::RecurrentGates(rs.get()), ns::RecurrentGates(rv.get());                                              \
+    CHECK_MSG(SameBits(rs.get(), rv.get(), sizeof(RecurrentRecord)), "%s RecurrentGates", name);                 \
+    auto ss = NewBlock<PitchContext>(), sv = NewBlock<PitchContext>();                                           \
+    for (int frame = 0; frame < 70; ++frame) { /* two turns of the 32-slot ring */                               \
+      alignas(64) float out_s[kPitchWidth], out_v[kPitchWidth];                                                  \
+      scalar::DepthwiseConv33(pitch->blocks[0], x.data() + frame, &ss->block_states[0], out_s);                 \
+      ns::DepthwiseConv33(pitch->blocks[0], x.data() + frame, &sv->block_states[0], out_v);                     \
+      CHECK_MSG(SameFloats(out_s, out_v, kPitchWidth), "%s DepthwiseConv33 frame %d", name, frame);             \
+    }                                                                                                            \
+    CHECK(SameBits(&ss->block_states[0], &sv->block_states[0], sizeof(PitchBlockState)));                       \
+    float hist_s[6][kStage2Channels], hist_v[6][kStage2Channels];                                                \
+    std::memcpy(hist_s, b.data(), sizeof hist_s), std::memcpy(hist_v, b.data(), sizeof hist_v);                  \
+    std::int32_t pos_s = 4, pos_v = 4;                                                                           \
+    float mag_s[kStage2Steps][kSpectrumValues], mag_v[kStage2Steps][kSpectrumValues];                            \
+    for (int frame = 0; frame < 2; ++frame) {                                                                    \
+      const float* in = a.data() + frame * kStage2Steps * kStage2Channels;                                       \
+      scalar::LogMagnitudes(wave->logmag_conv, wave->logmag_bias, in, hist_s, &pos_s, mag_s);                   \
+      ns::LogMagnitudes(wave->logmag_conv, wave->logmag_bias, in, hist_v, &pos_v, mag_v);                       \
+      CHECK_MSG(SameBits(mag_s, mag_v, sizeof mag_s) && SameBits(hist_s, hist_v, sizeof hist_s), "%s LogMagnitudes", name); \
+    }                                                                                                            \
+  } while (0)
+
 template <int N, int T, int K, int D>
 void CheckDilatedConv(Rng& rng) {
   using State = DilatedCausalConvState<N, T, kDilatedHistory<K, D>>;
@@ -220,17 +323,36 @@ void CheckDilatedConv(Rng& rng) {
   for (int frame = 0; frame < 3; ++frame) {
     const std::vector<float> input = RandomFloats(T * N, 2.0f, rng);
     scalar::DilatedCausalConv<N, T, K, D>(*weights, input.data(), scalar_state.get());
-    fast_avx2::DilatedCausalConv<N, T, K, D>(*weights, input.data(), avx2_state.get());
-    CHECK_MSG(SameBits(scalar_state.get(), avx2_state.get(), sizeof(State)), "fast_avx2 N %d T %d K %d D %d frame %d",
+    avx2::DilatedCausalConv<N, T, K, D>(*weights, input.data(), avx2_state.get());
+    CHECK_MSG(SameBits(scalar_state.get(), avx2_state.get(), sizeof(State)), "avx2 N %d T %d K %d D %d frame %d",
               N, T, K, D, frame);
     if (!avx512) continue;
-    fast_avx512::DilatedCausalConv<N, T, K, D>(*weights, input.data(), avx512_state.get());
+    avx512::DilatedCausalConv<N, T, K, D>(*weights, input.data(), avx512_state.get());
     CHECK_MSG(SameBits(scalar_state.get(), avx512_state.get(), sizeof(State)),
-              "fast_avx512 N %d T %d K %d D %d frame %d", N, T, K, D, frame);
+              "avx512 N %d T %d K %d D %d frame %d", N, T, K, D, frame);
   }
 }
 
 }  // namespace
+
+TEST(short_kernels_match_past_the_clamps) {
+  Rng rng(check::Seed());
+  constexpr int n = 4096;
+  const std::vector<float> x = ActivationInputs(rng, n);
+  const std::vector<float> a = RandomFloats(n, 4.0f, rng), b = RandomFloats(n, 1.0f, rng);
+  std::vector<f16> halves(n);
+  FillHalves(halves.data(), n, 60.0f, rng);
+  auto pitch = NewBlock<PitchEstimatorBlock>();
+  test_support::RandomHalves(pitch->blocks[0].depthwise, std::size(pitch->blocks[0].depthwise), rng, 30);
+  test_support::RandomHalves(pitch->blocks[0].depthwise_bias, kPitchWidth, rng, 30);
+  auto wave = NewBlock<WaveformGeneratorBlock>();
+  FillHalves(&wave->logmag_conv[0][0][0], sizeof wave->logmag_conv / sizeof(f16), 0.1f, rng);
+  FillHalves(wave->logmag_bias, kSpectrumValues, 3.0f, rng);
+  const float far[] = {-95.0f, -88.0f, -87.0f, 87.0f, 88.0f, 95.0f};  // sums near and past +-88
+  for (int o = 0; o < 6; ++o) wave->logmag_bias[o] = ToHalf(far[o]);
+  CHECK_SHORT_KERNELS(avx2);
+  if (KernelSetSupported(KernelSet::kAvx512)) CHECK_SHORT_KERNELS(avx512);
+}
 
 TEST(dilated_convolutions_match_for_every_shape) {
   Rng rng(check::Seed());
