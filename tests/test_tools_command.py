@@ -106,7 +106,8 @@ def test_standard_input_to_standard_output(model_dir, talk, tmp_path, corvina_co
 
 @pytest.mark.parametrize("argv,message", [
     (["--version"], "corvina 0."),
-    (["live", "--help"], "corvina live [-h] (-m MODEL | --list-devices)"),
+    (["live", "--help"], "corvina live [-h] (-m MODEL | --list-devices)" if cli.MODEL_REQUIRED
+     else "corvina live [-h] [-m MODEL | --list-devices]"),
     (["convert", "--help"], "mixed to one (mono)"),
     (["convert", "x.wav", "-o", "y.wav", "-m", "m", "-s", "0:1,2:1,0:1"], "speaker row 0 is given twice"),
     (["convert", "x.wav", "-o", "y.wav", "-m", "m", "-p", "1e17"], "from -47.75 to 47.75"),
