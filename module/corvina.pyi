@@ -14,6 +14,7 @@ OUT_SAMPLE_RATE: int
 PHONE_CHANNELS: int
 PITCH_BINS: int
 PITCH_BINS_PER_OCTAVE: int
+_KERNEL_SET: str  # the kernel set chosen at load, "avx2" or "avx512"
 WAVEFORM_GENERATOR_HIDDEN_CHANNELS: int
 
 _Path = Union[str, bytes, "os.PathLike[str]", "os.PathLike[bytes]"]

@@ -80,5 +80,8 @@ PyMODINIT_FUNC PyInit_corvina(void) {
   for (const auto& constant : kConstants)
     if (PyModule_AddIntConstant(module, constant.name, constant.value) < 0) return nullptr;
   if (PyModule_AddStringConstant(module, "__version__", CORVINA_VERSION) < 0) return nullptr;
+  // The kernel set chosen at load, for the host tools' reports (private).
+  if (PyModule_AddStringConstant(module, "_KERNEL_SET", corvina::KernelSetName(corvina::ActiveKernelSet())) < 0)
+    return nullptr;
   return module;
 }

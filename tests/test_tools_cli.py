@@ -95,6 +95,7 @@ def test_info_and_make_test_model(tmp_path, corvina_command):
     assert result.returncode == 0 and "untrained" in result.stdout
     result = corvina_command("info", tmp_path / "m")
     assert result.returncode == 0 and "2 speaker(s)" in result.stdout and "complete model set" in result.stdout
+    assert "engine: kernel set avx" in result.stdout
     os.truncate(tmp_path / "m" / "phone_extractor.bin", 10)
     result = corvina_command("info", tmp_path / "m")
     assert result.returncode == 1 and "found 10 bytes" in result.stdout
@@ -104,7 +105,7 @@ def test_bench_reports_every_model(model_dir, capsys):
     assert cli.main(["bench", "-m", model_dir, "-n", "20"]) == 0
     out = capsys.readouterr().out
     assert all(label in out for label in ("phone extractor", "pitch estimator", "waveform generator",
-                                          "chain", "real-time factor", "streams per core"))
+                                          "chain", "real-time factor", "streams per core", "kernel set avx"))
 
 
 def test_demo_converts_into_every_voice(model_dir, tmp_path):

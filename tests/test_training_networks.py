@@ -83,6 +83,10 @@ def test_engine_agrees_with_pytorch(exported):
         wave = exported["generator"](*upstream, speaker)[0].view(FRAMES, 240).numpy()
         wave_steps = np.concatenate([w.numpy() for w in streamed(
             lambda f, b, p, s: exported["generator"].step(f, b, p, speaker, s), *upstream)])
+    # Whole sequence and frame by frame, same PyTorch weights: rounding only.
+    np.testing.assert_allclose(phone_steps, phone, atol=1e-4)
+    assert np.array_equal(bins[0].numpy(), bin_steps)
+    assert np.sqrt(np.mean((wave_steps - wave) ** 2)) <= 1e-4 * np.sqrt(np.mean(wave ** 2))
     for ours in (phone, phone_steps):
         assert np.max(np.abs(ours - e["phone"])) < 2e-2
         assert np.sqrt(np.mean((ours - e["phone"]) ** 2)) < 2e-3

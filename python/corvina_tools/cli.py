@@ -258,8 +258,10 @@ def closing_line(results, planned, failures, wall):
 
 def cmd_info(args):
     from .info import describe
+    import corvina
     lines, ok = describe(model_directory(args.path))
     print("\n".join(lines))
+    print(f"engine: kernel set {corvina._KERNEL_SET}")
     return 0 if ok else 1
 
 
@@ -274,7 +276,9 @@ def cmd_bench(args):
             from .test_model import write_test_model
             models = _load(write_test_model(scratch))
             print("model: generated test model (random weights; the timing does not depend on them)")
-        print(f"{args.frames} frames of 10 ms, one stream, Python calls timed with perf_counter")
+        import corvina
+        print(f"{args.frames} frames of 10 ms, one stream, Python calls timed with perf_counter, "
+              f"kernel set {corvina._KERNEL_SET}")
         print("\n".join(summary(time_frames(models, args.frames))))
     return 0
 
