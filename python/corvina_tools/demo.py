@@ -29,8 +29,12 @@ def spoken_sentence(text=SENTENCE):
     if shutil.which(DEMO_VOICE[0]):
         with tempfile.TemporaryDirectory(prefix="corvina-demo-") as folder:
             path = os.path.join(folder, "voice.wav")
-            done = subprocess.run([DEMO_VOICE[0], "-v", DEMO_VOICE[1], "-w", path, text], capture_output=True)
-            if done.returncode == 0 and os.path.exists(path):
+            try:
+                done = subprocess.run([DEMO_VOICE[0], "-v", DEMO_VOICE[1], "-w", path, text], capture_output=True,
+                                      timeout=60)
+            except subprocess.TimeoutExpired:      # a synthesizer that hangs: the built-in signal instead
+                done = None
+            if done is not None and done.returncode == 0 and os.path.exists(path):
                 audio, rate = sf.read(path, dtype="float32", always_2d=True)
                 audio = soxr.resample(audio.mean(axis=1), rate, IN_RATE).astype(np.float32)
                 return 0.5 * audio / (np.max(np.abs(audio)) or 1.0), f"{DEMO_VOICE[0]} voice {DEMO_VOICE[1]}"
