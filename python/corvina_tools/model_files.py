@@ -5,6 +5,7 @@ speaker reader trusts the file's length. Everything here is checked first, so
 a bad file becomes a ModelError instead.
 """
 import os
+import tempfile
 import stat
 from dataclasses import dataclass
 
@@ -115,3 +116,18 @@ def identify(path):
         return by_name
     size = os.stat(path).st_size
     return next((m for m in MODEL_FILES if size_fits(m, size)), None)
+
+
+def write_atomically(path, data):
+    """Write a file whole or not at all: a temporary beside it, then renamed."""
+    path = os.fspath(path)
+    folder = os.path.dirname(os.path.abspath(path))
+    fd, temporary = tempfile.mkstemp(dir=folder, prefix=f".{os.path.basename(path)}.", suffix=".partial")
+    try:
+        with os.fdopen(fd, "wb") as f:
+            f.write(data)
+        os.chmod(temporary, 0o644)
+        os.replace(temporary, path)
+    except BaseException:
+        os.unlink(temporary)
+        raise

@@ -9,7 +9,7 @@ import os
 import numpy as np
 
 from .layouts import PHONE_LAYOUT, PITCH_LAYOUT, WAVEFORM_LAYOUT
-from .model_files import PHONE, PITCH, SPEAKERS, WAVEFORM
+from .model_files import PHONE, PITCH, SPEAKERS, WAVEFORM, write_atomically
 
 
 def _values(rng, tensor):
@@ -38,19 +38,7 @@ def write_test_model(directory, seed=0, speakers=4):
     for model_file, layout in MODELS:
         data = parameter_bytes(layout, rng)
         assert len(data) == model_file.size, (model_file.file_name, len(data))
-        _write_atomically(os.path.join(directory, model_file.file_name), data)
+        write_atomically(os.path.join(directory, model_file.file_name), data)
     rows = 0.3 * rng.standard_normal((speakers, 256))
-    _write_atomically(os.path.join(directory, SPEAKERS.file_name), rows.astype("<f2").tobytes())
+    write_atomically(os.path.join(directory, SPEAKERS.file_name), rows.astype("<f2").tobytes())
     return directory
-
-
-def _write_atomically(path, data):
-    partial = path + ".partial"
-    try:
-        with open(partial, "wb") as f:
-            f.write(data)
-        os.replace(partial, path)
-    except BaseException:
-        if os.path.exists(partial):
-            os.remove(partial)
-        raise

@@ -2,12 +2,11 @@
 one run of little-endian half floats in file order, speaker rows as half
 floats [n, 256], and a whole model directory."""
 import os
-import tempfile
 
 import numpy as np
 import torch
 
-from ..model_files import PHONE, PITCH, SPEAKERS, WAVEFORM
+from ..model_files import PHONE, PITCH, SPEAKERS, WAVEFORM, write_atomically
 
 HALF_MAX = float(np.finfo(np.float16).max)
 
@@ -40,23 +39,9 @@ def parameter_bytes(network):
     return np.concatenate(parts).tobytes()
 
 
-def _write_atomically(path, data):
-    path = os.fspath(path)
-    folder = os.path.dirname(os.path.abspath(path))
-    fd, temporary = tempfile.mkstemp(dir=folder, prefix=f".{os.path.basename(path)}.", suffix=".partial")
-    try:
-        with os.fdopen(fd, "wb") as f:
-            f.write(data)
-        os.chmod(temporary, 0o644)
-        os.replace(temporary, path)
-    except BaseException:
-        os.unlink(temporary)
-        raise
-
-
 def save_parameters(network, path):
     """Write the network's exact parameter file (checked before anything is written)."""
-    _write_atomically(path, parameter_bytes(network))
+    write_atomically(path, parameter_bytes(network))
 
 
 def load_parameters(network, path):
@@ -77,12 +62,17 @@ def load_parameters(network, path):
     return network
 
 
-def write_speakers(table, path):
-    """Write speaker rows [n, 256] as the engine's speaker file."""
+def speaker_bytes(table):
+    """Speaker rows [n, 256] as the engine's speaker file holds them."""
     table = table.detach().cpu().numpy() if isinstance(table, torch.Tensor) else np.asarray(table)
     if table.ndim != 2 or table.shape[1] != 256 or table.shape[0] == 0:
         raise ExportError(f"speaker table: shape {table.shape}, expected (n, 256) with n ≥ 1")
-    _write_atomically(path, to_half("speaker table", table).tobytes())
+    return to_half("speaker table", table).tobytes()
+
+
+def write_speakers(table, path):
+    """Write speaker rows [n, 256] as the engine's speaker file."""
+    write_atomically(path, speaker_bytes(table))
 
 
 def write_model_directory(directory, phone, pitch, waveform, speakers):
@@ -90,13 +80,10 @@ def write_model_directory(directory, phone, pitch, waveform, speakers):
     converted and checked before the first one is written."""
     os.makedirs(directory, exist_ok=True)
     contents = {PHONE: parameter_bytes(phone), PITCH: parameter_bytes(pitch), WAVEFORM: parameter_bytes(waveform)}
-    table = speakers.detach().cpu().numpy() if isinstance(speakers, torch.Tensor) else np.asarray(speakers)
-    if table.ndim != 2 or table.shape[1] != 256 or table.shape[0] == 0:
-        raise ExportError(f"speaker table: shape {table.shape}, expected (n, 256) with n ≥ 1")
-    contents[SPEAKERS] = to_half("speaker table", table).tobytes()
+    contents[SPEAKERS] = speaker_bytes(speakers)
     for model_file, data in contents.items():
         if model_file.size and len(data) != model_file.size:
             raise ExportError(f"{model_file.description}: {len(data)} bytes, expected {model_file.size}")
     for model_file, data in contents.items():
-        _write_atomically(os.path.join(directory, model_file.file_name), data)
+        write_atomically(os.path.join(directory, model_file.file_name), data)
     return directory
