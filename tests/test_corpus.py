@@ -124,3 +124,30 @@ def test_small_build(tmp_path, recordings, capsys):
 
     with pytest.raises(corpus.CorpusError, match="alice"):
         corpus.build_corpus(out, **{**build, "min_own_seconds": 60.0})
+
+
+def test_pitch_shifted_copies_move_the_pitch_and_keep_the_rest(tmp_path):
+    pytest.importorskip("parselmouth")
+    from corvina_tools.training.data import Corpus
+    from corvina_tools.training.pitch_shift import plan_shift_jobs
+    pulses = glottal_pulses(np.full(24000, 150.0), 24000)
+    audio24 = (0.5 * pulses / np.abs(pulses).max()).astype(np.float32)
+    audio16 = soxr.resample(audio24, 24000, 16000).astype(np.float32)
+    for index in (0, 1):                                  # sentence 1 is a validation sentence
+        corpus.save_utterance(tmp_path / "voice" / f"{index:05d}.npz", audio16=audio16, audio24=audio24,
+                              f0=frame_f0(audio16), phones=np.ones(100, np.int16), text=np.array("a"))
+    (tmp_path / "corpus.json").write_text(json.dumps({"speakers": [{"name": "voice"}],
+                                                      "validation_sentences": [1]}))
+    corpus.run_jobs(plan_shift_jobs(tmp_path, ["voice"], {1}, copies=1, spread=6, seed=3), workers=1)
+    [copy] = sorted((tmp_path / "voice").glob("*.shift*.npz"))
+    assert copy.name.startswith("00000.shift")
+    shifted = Corpus(tmp_path, min_seconds=0).train
+    semitones = [u.semitones for u in shifted if u.semitones]
+    assert len(shifted) == 2 and len(semitones) == 1 and 2 <= abs(semitones[0]) <= 6
+    assert [u.semitones for u in Corpus(tmp_path, min_seconds=0, pitch_shifted=False).train] == [0]
+    u = np.load(copy)
+    ratio = 2 ** (semitones[0] / 12)
+    tracked = frame_f0(u["audio16"])[10:-10]
+    assert np.median(tracked[tracked > 0]) == pytest.approx(150.0 * ratio, rel=0.02)
+    assert np.allclose(u["f0"], frame_f0(audio16) * ratio) and u["phones"].tolist() == [1] * 100
+    assert len(u["audio16"]) == len(audio16) and len(u["audio24"]) == len(audio24)

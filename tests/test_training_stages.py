@@ -73,6 +73,13 @@ def model_dir(corpus, tmp_path_factory):
         train(again, checkpoints, steps=7, validate_every=100, log=type("L", (), {"write": log.append,
                                                                                   "flush": lambda s: None})())
         assert any("resuming" in line and "step 6" in line for line in log), kind
+    # Adversarial training resumes the generator's run; its critics are
+    # checkpointed beside it and resumed too.
+    for steps in (9, 10):
+        train(make_stage("waveform", corpus, model, batch=2, frames=40, adversarial=True), checkpoints,
+              steps=steps, validate_every=100)
+        saved = torch.load(checkpoints / "waveform.pt", weights_only=False)
+        assert saved["step"] == steps and saved["critic_optimiser"]["state"]
     return model
 
 

@@ -46,6 +46,10 @@ def add_commands(sub):
         p.add_argument("--validate-every", type=int, default=200, metavar="STEPS")
         p.add_argument("--device", default="cpu", help="torch device, e.g. cpu or cuda (default cpu)")
         p.add_argument("--threads", type=int, help="CPU threads for PyTorch")
+        if name in ("waveform", "finetune"):
+            p.add_argument("--adversarial", action="store_true",
+                           help="also train critics and learn to fool them, the usual way to clean up "
+                                "harmonics; it needs hours: resume it from a run without")
         p.set_defaults(run=run_train)
 
 
@@ -73,6 +77,7 @@ def run_train(args):
     if args.stage in ("waveform", "finetune"):
         os.makedirs(args.checkpoints, exist_ok=True)
         sizes["cache"] = os.path.join(args.checkpoints, f"{args.stage}_inputs.pt")
+        sizes["adversarial"] = args.adversarial
     speakers = args.speakers.split(",") if args.speakers else None
     try:
         stage = make_stage(args.stage, args.corpus, args.model, speakers, args.device, args.sentences, **sizes)

@@ -25,6 +25,7 @@ from .alignment import (HOP16, RATE16, RATE24, AudioError, check_recording, coll
                         frame_labels, prepare_audio, transfer_labels)
 from .corpus_sources import (ALIGNMENT_REFERENCE, PHONES, VOICES, VOICES_BY_NAME, Rendition,
                              SynthesisError, Voice, choose_sentences, synthesize)
+from .pitch_shift import plan_shift_jobs
 
 VALIDATION_EVERY = 20      # every 20th sentence is kept for validation, in all voices
 BATCH = 8                  # sentences per job (festival starts once per job)
@@ -240,7 +241,7 @@ def speaker_summary(out_dir: Path, name: str, synthesizer: str, held_out: bool) 
 
 def build_corpus(out_dir: Path | str, sentences: int = 400, voices: Optional[Sequence[str]] = None,
                  jobs: int = 2, own_recordings: Optional[Path | str] = None, seed: int = 1,
-                 min_own_seconds: float = 60.0) -> dict:
+                 min_own_seconds: float = 60.0, pitch_shifted: int = 0, shift_spread: int = 8) -> dict:
     """Make (or complete) the corpus in `out_dir` and return its description,
     also written to `out_dir/corpus.json`. Utterances already on disk are kept."""
     out_dir = Path(out_dir)
@@ -255,6 +256,10 @@ def build_corpus(out_dir: Path | str, sentences: int = 400, voices: Optional[Seq
     (out_dir / SENTENCES_FILE).write_text("".join(t + "\n" for t in texts))
 
     failures = run_jobs(plan_jobs(out_dir, texts, chosen, recordings, seed), jobs)
+    if pitch_shifted:
+        trained = [v.name for v in chosen if not v.held_out] + list(recordings)
+        failures += run_jobs(plan_shift_jobs(out_dir, trained, set(validation_sentences(len(texts))),
+                                             pitch_shifted, shift_spread, seed), jobs)
 
     speakers = [speaker_summary(out_dir, v.name, v.synthesizer, v.held_out) for v in chosen]
     speakers += [speaker_summary(out_dir, s, "recording", False) for s in recordings]
@@ -276,6 +281,9 @@ def add_arguments(parser: argparse.ArgumentParser) -> None:
                         help="folder with one subfolder of recordings per speaker")
     parser.add_argument("--min-own-seconds", type=float, default=60.0, metavar="S",
                         help="least usable audio per own speaker (default 60)")
+    parser.add_argument("--pitch-shifted", type=int, default=0, metavar="N",
+                        help="also N copies of every training utterance at another pitch (2 to 8 semitones up "
+                             "or down, formants kept), so a voice learns pitches it never spoke (default 0)")
     parser.add_argument("--jobs", type=int, default=2, metavar="J", help="worker processes (default 2)")
     parser.add_argument("--seed", type=int, default=1, help="seed of sentence order and gains")
 
@@ -283,7 +291,7 @@ def add_arguments(parser: argparse.ArgumentParser) -> None:
 def run(args: argparse.Namespace) -> int:
     try:
         description = build_corpus(args.out, args.sentences, args.voices, args.jobs,
-                                   args.own_recordings, args.seed, args.min_own_seconds)
+                                   args.own_recordings, args.seed, args.min_own_seconds, args.pitch_shifted)
     except CorpusError as error:
         print(f"corvina corpus: {error}", file=sys.stderr)
         return 1

@@ -24,6 +24,7 @@ class Utterance:
     f0: np.ndarray
     phones: np.ndarray = None
     phone_sequence: np.ndarray = None
+    semitones: int = 0           # a pitch-shifted copy's shift (0: as spoken)
 
     @property
     def frames(self):
@@ -35,7 +36,7 @@ class Corpus:
 
     speakers: names to load (default: every speaker not held out)."""
 
-    def __init__(self, folder, speakers=None, min_seconds=20.0, sentences=None):
+    def __init__(self, folder, speakers=None, min_seconds=20.0, sentences=None, pitch_shifted=True):
         self.folder = os.fspath(folder)
         index_path = os.path.join(self.folder, "corpus.json")
         try:
@@ -54,6 +55,7 @@ class Corpus:
         self.phones = self.index.get("phones", [])
         self.held_out = set(self.index.get("validation_sentences", []))
         self.sentences = sentences            # only utterances of sentences below this index
+        self.pitch_shifted = pitch_shifted    # whether pitch-shifted copies are loaded
         self.train, self.validation, self._loaded = [], [], set()
         self.refresh()
         if self.seconds < min_seconds:
@@ -67,8 +69,10 @@ class Corpus:
             for file in sorted(os.listdir(folder)) if os.path.isdir(folder) else []:
                 path = os.path.join(folder, file)
                 if file.endswith(".npz") and path not in self._loaded:
-                    stem = file[:-4]
+                    stem, _, shift = file[:-4].partition(".shift")     # NNNNN or NNNNN.shift+S
                     if self.sentences is not None and stem.isdigit() and int(stem) >= self.sentences:
+                        continue
+                    if shift and not self.pitch_shifted:
                         continue
                     u = _read(path, row)
                     (self.validation if u.sentence in self.held_out else self.train).append(u)
@@ -88,9 +92,9 @@ class Corpus:
 
 def _read(path, row):
     with np.load(path, allow_pickle=False) as z:
-        name = os.path.splitext(os.path.basename(path))[0]
+        name, _, shift = os.path.basename(path)[:-4].partition(".shift")
         return Utterance(
-            speaker=row, path=path, sentence=int(name) if name.isdigit() else -1,
+            speaker=row, path=path, sentence=int(name) if name.isdigit() else -1, semitones=int(shift or 0),
             audio16=z["audio16"].astype(np.float32), audio24=z["audio24"].astype(np.float32),
             f0=z["f0"].astype(np.float32),
             phones=z["phones"].astype(np.int64) if "phones" in z else None,

@@ -6,7 +6,8 @@ through the engine exactly as `corvina convert` does:
   on the converted output, against the sentence's phone sequence;
 - pitch following: gross pitch error of the output's pitch contour against
   the input's shifted by the requested semitones (frames voiced in both;
-  an error is a deviation of more than 20 %);
+  an error is a deviation of more than 20 %), and the share of the input's
+  voiced frames the tracker still finds voiced in the output;
 - speaker similarity: each voice summarised by the mean and deviation of
   its MFCCs (timbre and vocal-tract shape, averaged over the words), cosine
   similarity to every training speaker's summary: how often the output is
@@ -67,9 +68,10 @@ def gross_pitch_error(source16, output16, semitones):
     n = min(len(f_in), len(f_out))
     f_in, f_out = f_in[:n] * 2 ** (semitones / 12), f_out[:n]
     both = (f_in > 0) & (f_out > 0)
+    kept = float(both.sum() / max(1, (f_in > 0).sum()))
     if not both.any():
-        return 1.0, 0
-    return float(np.mean(np.abs(f_out[both] / f_in[both] - 1) > 0.2)), int(both.sum())
+        return 1.0, kept
+    return float(np.mean(np.abs(f_out[both] / f_in[both] - 1) > 0.2)), kept
 
 
 def evaluate(corpus_dir, model_dir, source_speakers=None, sentences=8, shift=4.0, log=print):
@@ -80,7 +82,7 @@ def evaluate(corpus_dir, model_dir, source_speakers=None, sentences=8, shift=4.0
     utterances = (sources.validation or sources.train)[:sentences]
     models = ModelSet.load(model_dir)
     names = read_speaker_names(model_dir, models.n_speakers)
-    training = Corpus(corpus_dir, None, min_seconds=0)
+    training = Corpus(corpus_dir, None, min_seconds=0, pitch_shifted=False)
     summaries = {}
     for u in training.train:
         summaries.setdefault(training.speakers[u.speaker], []).append(voice_summary(u.audio24, 24000))
@@ -88,7 +90,7 @@ def evaluate(corpus_dir, model_dir, source_speakers=None, sentences=8, shift=4.0
     recognise = Recogniser(model_dir)
     figures = {"input_phone_error_rate": [], "output_phone_error_rate": [], "gross_pitch_error": [],
                "gross_pitch_error_shifted": [], "closer_to_target": [], "identified_as_target": [],
-               "target_rank": []}
+               "target_rank": [], "voicing_kept": []}
     for u in utterances:
         truth = list(u.phone_sequence) if u.phone_sequence is not None else None
         source_summary = voice_summary(u.audio24, 24000)
@@ -99,10 +101,11 @@ def evaluate(corpus_dir, model_dir, source_speakers=None, sentences=8, shift=4.0
                 converter = Converter(models, speaker=row, pitch_shift=semitones)
                 out = np.concatenate([converter.process(u.audio16), converter.flush()])
                 out16 = soxr.resample(out, 24000, 16000).astype(np.float32)
-                gpe, _ = gross_pitch_error(u.audio16, out16, semitones)
+                gpe, kept = gross_pitch_error(u.audio16, out16, semitones)
                 figures["gross_pitch_error_shifted" if semitones else "gross_pitch_error"].append(gpe)
                 if semitones:
                     continue
+                figures["voicing_kept"].append(kept)
                 if truth:
                     figures["output_phone_error_rate"].append(edit_distance(recognise(out16), truth) / len(truth))
                 if name in centroid:

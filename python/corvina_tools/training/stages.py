@@ -13,6 +13,7 @@ from ..default_model import SPEAKER_NAMES
 from ..default_model import speaker_names as read_speaker_names
 from ..model_files import PHONE, PITCH, SPEAKERS, WAVEFORM
 from ..pitch_bins import BINS_PER_SEMITONE, nearest_bin
+from .critics import Critics
 from .data import IN_HOP, OUT_HOP, Corpus, cut
 from .losses import collapse, edit_distance, mel_loss, pitch_targets, spectral_loss
 from .parameter_files import load_parameters, save_parameters, write_speakers
@@ -265,35 +266,43 @@ def engine_inputs(model_dir, utterances, streams=16, threads=2):
 
 
 def cached_engine_inputs(model_dir, train, validation, cache):
-    """engine_inputs for both sets, kept in the file `cache` (if given) for
-    the next run with the same extractor files and utterances."""
+    """engine_inputs for both sets, kept per utterance in the file `cache`
+    (if given): a later run with the same extractor files computes only the
+    utterances that are new (e.g. pitch-shifted copies added since)."""
     import hashlib
     digest = hashlib.sha256()
     for name in (PHONE.file_name, PITCH.file_name):
         with open(os.path.join(model_dir, name), "rb") as f:
             digest.update(f.read())
-    for u in train + validation:
-        digest.update(u.path.encode())
     key = digest.hexdigest()
+    known = {}
     if cache and os.path.exists(cache):
         saved = torch.load(cache, weights_only=False)
         if saved.get("key") == key:
-            return saved["train"], saved["validation"]
-    inputs = engine_inputs(model_dir, train), engine_inputs(model_dir, validation)
-    if cache:
-        torch.save({"key": key, "train": inputs[0], "validation": inputs[1]}, cache)
-    return inputs
+            known = saved["inputs"]
+    todo = [u for u in train + validation if u.path not in known]
+    if todo:
+        known.update(zip((u.path for u in todo), engine_inputs(model_dir, todo)))
+        if cache:
+            torch.save({"key": key, "inputs": known}, cache)
+    return [known[u.path] for u in train], [known[u.path] for u in validation]
 
 
 class GeneratorTraining(nn.Module):
     """The generator and the speaker rows it learns; `fixed` rows (a trained
     model's, when fine-tuning) come first in the table and do not train."""
 
-    def __init__(self, network, rows, fixed=None):
+    FEATURE_MATCHING_WEIGHT = 2.0
+
+    def __init__(self, network, rows, fixed=None, critics=None):
         super().__init__()
         self.network = network
         self.rows = nn.Parameter(rows)
         self.register_buffer("fixed", fixed if fixed is not None else rows.new_zeros(0, rows.shape[1]))
+        # Kept in a tuple so the critics are not this module's parameters:
+        # they have their own optimiser and are not exported.
+        self.critics = (critics,) if critics is not None else ()
+        self.last = None
 
     @property
     def table(self):
@@ -303,8 +312,19 @@ class GeneratorTraining(nn.Module):
         out = self.network(phone, bins, pitch_features, self.table[rows])
         spectral = spectral_loss(out, target)
         mel = mel_loss(out, target)
-        loss = spectral + mel
-        return loss, {"spectral": spectral.item(), "mel": mel.item()}
+        loss, figures = spectral + mel, {"spectral": spectral.item(), "mel": mel.item()}
+        if self.critics and self.training:
+            critics = self.critics[0].requires_grad_(False)
+            adversarial, matching = critics.generator_loss(out, target)
+            critics.requires_grad_(True)
+            loss = loss + adversarial + self.FEATURE_MATCHING_WEIGHT * matching
+            figures.update(adversarial=adversarial.item(), matching=matching.item())
+            self.last = (out.detach(), target)
+        return loss, figures
+
+    def critic_loss(self):
+        """The critics' loss on the batch the generator last saw."""
+        return self.critics[0].loss(*self.last)
 
 
 class GeneratorStage(Stage):
@@ -316,7 +336,7 @@ class GeneratorStage(Stage):
     learning_rate = 3e-4
 
     def __init__(self, corpus, model_dir, batch=8, frames=50, device="cpu", fine_tune=False, out_dir=None,
-                 cache=None):
+                 cache=None, adversarial=False):
         self.corpus, self.model_dir, self.size, self.frames, self.device = corpus, model_dir, batch, frames, device
         self.out_dir = out_dir or model_dir
         self.network = WaveformGenerator()
@@ -333,7 +353,8 @@ class GeneratorStage(Stage):
             fixed, rows = old, old.mean(0, keepdim=True) + 0.05 * torch.randn(len(names), 256)
             names = old_names + names
         self.names = names
-        self.trainable = GeneratorTraining(self.network, rows, fixed).to(device)
+        self.critic = Critics().to(device) if adversarial else None
+        self.trainable = GeneratorTraining(self.network, rows, fixed, self.critic).to(device)
         self.validation = validation_set(corpus, 24, None)
         self.train_inputs, self.validation_inputs = cached_engine_inputs(model_dir, corpus.train, self.validation,
                                                                          cache)

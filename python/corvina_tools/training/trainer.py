@@ -63,6 +63,11 @@ def train(stage, checkpoint_dir, steps=None, minutes=None, validate_every=200, c
     model = stage.trainable
     optimiser = torch.optim.AdamW([p for p in model.parameters() if p.requires_grad], lr=stage.learning_rate,
                                   betas=(0.8, 0.99), weight_decay=1e-4)
+    # A stage with critics (adversarial training) trains them beside the
+    # model, with their own optimiser, on the batch the model last saw.
+    critic = getattr(stage, "critic", None)
+    critic_optimiser = (torch.optim.AdamW(critic.parameters(), lr=stage.learning_rate, betas=(0.8, 0.99),
+                                          weight_decay=1e-4) if critic is not None else None)
     done, elapsed, history = 0, 0.0, []
     if os.path.exists(path):
         saved = torch.load(path, map_location=stage.device, weights_only=False)
@@ -79,6 +84,9 @@ def train(stage, checkpoint_dir, steps=None, minutes=None, validate_every=200, c
                 print(f"{stage.name}: new parameters start fresh: {', '.join(missing[:4])}", file=log)
         else:
             optimiser.load_state_dict(saved["optimiser"])
+        if critic is not None and "critic" in saved:
+            critic.load_state_dict(saved["critic"])
+            critic_optimiser.load_state_dict(saved["critic_optimiser"])
     # Under torchrun, the forward runs through the wrapper that averages the
     # gradients over the processes.
     runner = torch.nn.parallel.DistributedDataParallel(model) if world > 1 else model
@@ -90,8 +98,11 @@ def train(stage, checkpoint_dir, steps=None, minutes=None, validate_every=200, c
 
     def checkpoint():
         if main:
-            _save(path, {"model": model.state_dict(), "optimiser": optimiser.state_dict(), "step": done,
-                         "seconds": elapsed, "history": history})
+            payload = {"model": model.state_dict(), "optimiser": optimiser.state_dict(), "step": done,
+                       "seconds": elapsed, "history": history}
+            if critic is not None:
+                payload.update(critic=critic.state_dict(), critic_optimiser=critic_optimiser.state_dict())
+            _save(path, payload)
 
     def stop(signum, frame):
         raise KeyboardInterrupt(f"signal {signum}")
@@ -108,6 +119,12 @@ def train(stage, checkpoint_dir, steps=None, minutes=None, validate_every=200, c
             loss.backward()
             torch.nn.utils.clip_grad_norm_(model.parameters(), 5.0)
             optimiser.step()
+            if critic is not None:
+                critic_loss = stage.trainable.critic_loss()
+                critic_optimiser.zero_grad(set_to_none=True)
+                critic_loss.backward()
+                critic_optimiser.step()
+                shown["critic"] = critic_loss.item()
             done += 1
             elapsed += time.monotonic() - start
             bar.update(1)

@@ -86,6 +86,12 @@ class WaveformGenerator(Network):
     def forward(self, phone, pitch, pitch_features, speaker, state=None):
         """phone [B, T, 256], pitch [B, T] int, pitch_features [B, T, 4],
         speaker [B, 256] -> samples [B, 240 T]."""
+        return self.synthesize(self.spectra(phone, pitch, pitch_features, speaker, state), state)
+
+    def spectra(self, phone, pitch, pitch_features, speaker, state=None):
+        """The per-band short spectra [B, 15 T, 36] (complex) the frame's
+        features predict: magnitudes from the convolution, directions from
+        the recurrent unit."""
         x = self.pre_conv(F.silu(self.conditioning(phone, pitch, pitch_features, speaker)).transpose(1, 2), state)
         x = channels_last(x, self.norm1)
         for block in self.blocks:
@@ -96,7 +102,11 @@ class WaveformGenerator(Network):
         magnitude = torch.exp(self.logmag(x, state)).transpose(1, 2)              # [B, 15 T, 36]
         h = run_gru(self.gru, x.transpose(1, 2), state)                            # [B, 15 T, 128]
         c = torch.complex(h[..., 0:72:2], h[..., 1:72:2])
-        spectra = c * (magnitude / (c.abs() + 1e-6))
+        return c * (magnitude / (c.abs() + 1e-6))
+
+    def synthesize(self, spectra, state=None):
+        """Band spectra [B, S, 36] -> samples [B, 16 S]: inverse transforms,
+        overlap-add and the band merge."""
         batch, steps = spectra.shape[:2]
         frames = torch.fft.irfft(spectra.view(batch, steps, self.BANDS, self.BINS), n=self.FFT)   # [B, S, 4, 16]
         frames = frames.permute(0, 2, 3, 1).reshape(batch * self.BANDS, self.FFT, steps)
