@@ -18,6 +18,23 @@ namespace scalar {
 
 // --- The shared layers ---
 
+// The depthwise convolution over a ring of the last Past inputs (oldest at
+// *position) and x: per channel from the bias, taps oldest first; then x
+// takes the oldest slot. ResidualConvBlock and the pitch estimator's
+// DepthwiseConv33 share it.
+template <int Channels, int Past>
+void DepthwiseRing(const f16* weight, const f16* bias, const float* x, float (*ring)[Channels], std::int32_t* position,
+                   float* out) {
+  const int p = *position;
+  for (int c = 0; c < Channels; ++c) {
+    float sum = HalfToFloat(bias[c]);
+    for (int t = 0; t < Past; ++t) sum = std::fma(HalfToFloat(weight[t * Channels + c]), ring[(p + t) % Past][c], sum);
+    out[c] = std::fma(HalfToFloat(weight[Past * Channels + c]), x[c], sum);
+  }
+  std::memcpy(ring[p], x, sizeof ring[p]);
+  *position = (p + 1) % Past;
+}
+
 void PanelAccumulate(const f16* weight, const float* x, float* y, int outputs, int inputs) {
   for (int o = 0; o < outputs; ++o) {
     const f16* panel = weight + static_cast<std::size_t>(o / kPanel) * inputs * kPanel + o % kPanel;
@@ -80,16 +97,8 @@ float* CausalConv7Layer(const CausalConv7Weights& weights, const float* x, Causa
 
 void ResidualConvBlock(const ResidualConvBlockWeights& weights, const float* x, ResidualConvBlockSlot* slot) {
   constexpr int kPast = kResidualTaps - 1;
-  const int p = slot->position;
   float* m = slot->mixed;
-  for (int c = 0; c < kChannels; ++c) {
-    float sum = HalfToFloat(weights.depthwise_bias[c]);
-    for (int t = 0; t < kPast; ++t)
-      sum = std::fma(HalfToFloat(weights.depthwise[t * kChannels + c]), slot->history[(p + t) % kPast][c], sum);
-    m[c] = std::fma(HalfToFloat(weights.depthwise[kPast * kChannels + c]), x[c], sum);
-  }
-  std::memcpy(slot->history[p], x, sizeof slot->history[p]);
-  slot->position = (p + 1) % kPast;
+  DepthwiseRing<kChannels, kPast>(weights.depthwise, weights.depthwise_bias, x, slot->history, &slot->position, m);
   Normalize(m, kChannels);
   PanelProduct(weights.expand, weights.expand_bias, m, slot->hidden, kHiddenChannels, kChannels);
   GeluInPlace(slot->hidden, kHiddenChannels);
@@ -155,16 +164,8 @@ void RecurrentGates(RecurrentRecord* record) {
 // --- The pitch estimator's depthwise convolution (33 taps) ---
 
 void DepthwiseConv33(const PitchBlockWeights& weights, const float* x, PitchBlockState* state, float* out) {
-  constexpr int kPast = kPitchDepthwiseTaps - 1;
-  const int index = state->index;
-  for (int c = 0; c < kPitchWidth; ++c) {
-    float sum = HalfToFloat(weights.depthwise_bias[c]);
-    for (int t = 0; t < kPast; ++t)
-      sum = std::fma(HalfToFloat(weights.depthwise[t * kPitchWidth + c]), state->ring[(index + t) % kPast][c], sum);
-    out[c] = std::fma(HalfToFloat(weights.depthwise[kPast * kPitchWidth + c]), x[c], sum);
-  }
-  std::memcpy(state->ring[index], x, sizeof state->ring[index]);
-  state->index = (index + 1) % kPast;
+  DepthwiseRing<kPitchWidth, kPitchDepthwiseTaps - 1>(weights.depthwise, weights.depthwise_bias, x, state->ring,
+                                                      &state->index, out);
 }
 
 // --- The waveform generator's dilated causal convolution ---
