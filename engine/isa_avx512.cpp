@@ -14,7 +14,6 @@
 #include "fft.h"
 #include "kernel_set.h"
 #include "kernels.h"
-#include "tanh_avx2.h"
 #include "vector_math_avx2.h"
 #include "vector_math_avx512.h"
 

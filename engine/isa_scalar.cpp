@@ -1,6 +1,6 @@
 // The scalar set: the networks and stages on the scalar definitions, and its
 // table. In the test-only library, as the reference every set is compared
-// with; the definitions themselves are the other *_scalar.cpp files. A batch
+// with; the definitions themselves are in kernels_scalar.cpp. A batch
 // runs its streams in turn through the one-stream definitions.
 #include <cmath>
 #include <cstdint>

@@ -39,7 +39,9 @@ int Corvina_ReadPhoneExtractorParameters(CorvinaPhoneExtractor* model, const cha
 
 void Corvina_ExtractPhone1(const CorvinaPhoneExtractor* model, const float* input, float* output,
                            CorvinaPhoneContext1* context) {
-  Corvina_ExtractPhoneN(model, 1, &input, &output, &context);
+  auto* stream = reinterpret_cast<PhoneContext*>(context);
+  ActiveKernels().extract_phone(*reinterpret_cast<const PhoneExtractorBlock*>(model), &input, &stream, 1);
+  std::memcpy(output, stream->output_dense.output, kChannels * sizeof(float));
 }
 
 // Groups of up to kMaxBatch streams through the active set's network.

@@ -2,12 +2,12 @@
 // against the scalar definitions, bit for bit, kernel by kernel, one table of
 // entry points per set: every matrix shape the networks use and the odd ones
 // (one input, one panel), the batched sweeps for every tap count up to the
-// limit and every batch size, the fused product-and-GELU, the streaming layers
-// over several frames of their rings, the phone front end, every dilated
-// convolution of the waveform stacks, and the short kernels on values a
-// stream of order-one activations never reaches (past the +-88 clamps).
-// Weights are random bit patterns, subnormal halves included. The whole
-// networks are compared in test_golden_chain.
+// limit and every batch size, the fused product-and-GELU, and the short
+// kernels on values a stream of order-one activations never reaches (past the
+// +-88 clamps). Weights are random bit patterns, subnormal halves included.
+// The layers built on these (streaming rings, the phone front end, the
+// dilated convolutions) are compared within the whole networks in
+// test_golden_chain.
 #include <cstdio>
 #include <cstring>
 #include <vector>
@@ -35,20 +35,13 @@ struct FastBuild {
   decltype(&scalar::PanelProduct) panel_product;
   decltype(&scalar::PanelAccumulate) panel_accumulate;
   decltype(&scalar::PanelProductGelu) panel_product_gelu;
-  decltype(&scalar::CausalConv7Layer) causal_conv;
-  decltype(&scalar::ResidualConvBlock) residual_block;
-  decltype(&scalar::StridedConvLayer) strided_conv;
-  decltype(&scalar::PairConvLayer) pair_conv;
-  decltype(&scalar::RecurrentLayer) recurrent;
   decltype(&scalar::GeluInPlace) gelu;
   decltype(&scalar::MatrixSweepN) sweep;
 };
 
 #define CORVINA_FAST_BUILD(ns, kernel_set)                                                                     \
   FastBuild {                                                                                                   \
-    #ns, kernel_set, ns::PanelProduct, ns::PanelAccumulate, ns::PanelProductGelu, ns::CausalConv7Layer,         \
-        ns::ResidualConvBlock, ns::StridedConvLayer, ns::PairConvLayer, ns::RecurrentLayer, ns::GeluInPlace,    \
-        ns::MatrixSweepN                                                                                        \
+    #ns, kernel_set, ns::PanelProduct, ns::PanelAccumulate, ns::PanelProductGelu, ns::GeluInPlace, ns::MatrixSweepN \
   }
 const FastBuild kBuilds[] = {CORVINA_FAST_BUILD(avx2, KernelSet::kAvx2),
                              CORVINA_FAST_BUILD(avx512, KernelSet::kAvx512)};
@@ -164,81 +157,6 @@ TEST(batched_sweeps_match_for_every_tap_count_and_batch_size) {
   });
 }
 
-TEST(streaming_layers_match_over_their_rings) {
-  Rng rng(check::Seed());
-  auto conv = NewBlock<CausalConv7Weights>();
-  auto block = NewBlock<ResidualConvBlockWeights>();
-  FillHalves(conv->weight, std::size(conv->weight), 0.05f, rng);
-  FillHalves(conv->bias, kChannels, 0.1f, rng);
-  FillHalves(block->depthwise, std::size(block->depthwise), 0.3f, rng);
-  FillHalves(block->depthwise_bias, kChannels, 0.1f, rng);
-  FillHalves(block->expand, std::size(block->expand), 0.1f, rng);
-  FillHalves(block->expand_bias, kHiddenChannels, 0.1f, rng);
-  FillHalves(block->project, std::size(block->project), 0.05f, rng);
-  FillHalves(block->project_bias, kChannels, 0.1f, rng);
-  ForEachBuild([&](const FastBuild& build) {
-    auto conv_s = NewBlock<CausalConv7Slot>(), conv_f = NewBlock<CausalConv7Slot>();
-    auto block_s = NewBlock<ResidualConvBlockSlot>(), block_f = NewBlock<ResidualConvBlockSlot>();
-    for (int frame = 0; frame < 20; ++frame) {  // past a whole turn of both rings
-      const std::vector<float> x = RandomFloats(kChannels, 2.0f, rng);
-      scalar::CausalConv7Layer(*conv, x.data(), conv_s.get());
-      build.causal_conv(*conv, x.data(), conv_f.get());
-      CHECK_MSG(SameBits(conv_s.get(), conv_f.get(), sizeof(CausalConv7Slot)), "%s causal conv, frame %d",
-                build.name, frame);
-      scalar::ResidualConvBlock(*block, x.data(), block_s.get());
-      build.residual_block(*block, x.data(), block_f.get());
-      CHECK_MSG(SameBits(block_s.get(), block_f.get(), sizeof(ResidualConvBlockSlot)), "%s residual block, frame %d",
-                build.name, frame);
-    }
-  });
-}
-
-TEST(phone_layers_match) {
-  Rng rng(check::Seed());
-  struct Shape {
-    int inputs, outputs, out_positions;
-  };
-  const Shape shapes[] = {{32, 64, 16}, {64, 128, 8}, {128, 256, 4}, {256, 256, 2}};
-  auto recurrent = NewBlock<PhoneExtractorBlock::RecurrentLayer>();
-  FillHalves(recurrent->input_side.weight, std::size(recurrent->input_side.weight), 0.1f, rng);
-  FillHalves(recurrent->input_side.bias, 3 * kChannels, 0.5f, rng);
-  FillHalves(recurrent->state_side.weight, std::size(recurrent->state_side.weight), 0.1f, rng);
-  FillHalves(recurrent->state_side.bias, 3 * kChannels, 0.5f, rng);
-  ForEachBuild([&](const FastBuild& build) {
-    for (const Shape& s : shapes) {
-      Weights weight(static_cast<std::size_t>(3) * s.inputs * s.outputs);
-      RandomHalves(weight.data, static_cast<std::size_t>(3) * s.inputs * s.outputs, rng);
-      const std::vector<float> input =
-          RandomFloats(static_cast<std::size_t>(2 * s.out_positions) * s.inputs, 1.0f, rng);
-      std::vector<float> previous_s = RandomFloats(s.inputs, 1.0f, rng), previous_f = previous_s;
-      std::vector<float> out_s(static_cast<std::size_t>(s.out_positions) * s.outputs), out_f(out_s.size());
-      scalar::StridedConvLayer(weight.data, input.data(), previous_s.data(), out_s.data(), s.inputs, s.outputs,
-                               s.out_positions);
-      build.strided_conv(weight.data, input.data(), previous_f.data(), out_f.data(), s.inputs, s.outputs,
-                         s.out_positions);
-      CHECK_MSG(SameBits(out_s.data(), out_f.data(), out_s.size() * sizeof(float)) &&
-                    SameBits(previous_s.data(), previous_f.data(), s.inputs * sizeof(float)),
-                "%s strided %d -> %d", build.name, s.inputs, s.outputs);
-    }
-    Weights pair(2 * kChannels * kChannels);
-    RandomHalves(pair.data, 2 * kChannels * kChannels, rng);
-    const std::vector<float> input = RandomFloats(2 * kChannels, 1.0f, rng);
-    std::vector<float> out_s(kChannels), out_f(kChannels);
-    scalar::PairConvLayer(pair.data, input.data(), out_s.data());
-    build.pair_conv(pair.data, input.data(), out_f.data());
-    CHECK_MSG(SameBits(out_s.data(), out_f.data(), kChannels * sizeof(float)), "%s pair conv", build.name);
-
-    auto record_s = NewBlock<RecurrentRecord>(), record_f = NewBlock<RecurrentRecord>();
-    for (int frame = 0; frame < 4; ++frame) {
-      const std::vector<float> v = RandomFloats(kChannels, 3.0f, rng);
-      scalar::RecurrentLayer(*recurrent, v.data(), record_s.get());
-      build.recurrent(*recurrent, v.data(), record_f.get());
-      CHECK_MSG(SameBits(record_s.get(), record_f.get(), sizeof(RecurrentRecord)), "%s recurrent, frame %d",
-                build.name, frame);
-    }
-  });
-}
-
 namespace {
 
 // Values across the activations' interesting range, the +-88 clamp included.
@@ -307,32 +225,6 @@ std::vector<float> ActivationInputs(Rng& rng, std::size_t n) {
     }                                                                                                            \
   } while (0)
 
-template <int N, int T, int K, int D>
-void CheckDilatedConv(Rng& rng) {
-  using State = DilatedCausalConvState<N, T, kDilatedHistory<K, D>>;
-  auto weights = NewBlock<DilatedConvWeights<N, K>>();
-  RandomHalves(weights->weight, K * N * N, rng);
-  FillHalves(weights->bias, N, 0.5f, rng);
-  auto scalar_state = NewBlock<State>();
-  FillFloats(&scalar_state->history[0][0], sizeof scalar_state->history / sizeof(float), 1.0f, rng);
-  scalar_state->position = std::uniform_int_distribution<int>(0, kDilatedHistory<K, D> - 1)(rng);
-  auto avx2_state = NewBlock<State>(), avx512_state = NewBlock<State>();
-  std::memcpy(avx2_state.get(), scalar_state.get(), sizeof(State));
-  std::memcpy(avx512_state.get(), scalar_state.get(), sizeof(State));
-  const bool avx512 = KernelSetSupported(KernelSet::kAvx512);
-  for (int frame = 0; frame < 3; ++frame) {
-    const std::vector<float> input = RandomFloats(T * N, 2.0f, rng);
-    scalar::DilatedCausalConv<N, T, K, D>(*weights, input.data(), scalar_state.get());
-    avx2::DilatedCausalConv<N, T, K, D>(*weights, input.data(), avx2_state.get());
-    CHECK_MSG(SameBits(scalar_state.get(), avx2_state.get(), sizeof(State)), "avx2 N %d T %d K %d D %d frame %d",
-              N, T, K, D, frame);
-    if (!avx512) continue;
-    avx512::DilatedCausalConv<N, T, K, D>(*weights, input.data(), avx512_state.get());
-    CHECK_MSG(SameBits(scalar_state.get(), avx512_state.get(), sizeof(State)),
-              "avx512 N %d T %d K %d D %d frame %d", N, T, K, D, frame);
-  }
-}
-
 }  // namespace
 
 TEST(short_kernels_match_past_the_clamps) {
@@ -352,14 +244,6 @@ TEST(short_kernels_match_past_the_clamps) {
   for (int o = 0; o < 6; ++o) wave->logmag_bias[o] = ToHalf(far[o]);
   CHECK_SHORT_KERNELS(avx2);
   if (KernelSetSupported(KernelSet::kAvx512)) CHECK_SHORT_KERNELS(avx512);
-}
-
-TEST(dilated_convolutions_match_for_every_shape) {
-  Rng rng(check::Seed());
-#define CHECK_SHAPE(N, T, K, D) CheckDilatedConv<N, T, K, D>(rng);
-  CORVINA_FOR_EACH_DILATED_CONV(CHECK_SHAPE, 128, 5)
-  CORVINA_FOR_EACH_DILATED_CONV(CHECK_SHAPE, 64, 15)
-#undef CHECK_SHAPE
 }
 
 CHECK_MAIN
