@@ -54,12 +54,12 @@ asan() {
   ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1 \
     timed "asan native tests" ctest --test-dir build/asan --output-on-failure -E '^test_tanh_exhaustive$'
   # Subprocesses the tests start (parameter-file checks) inherit all of this;
-  # the tests that run other programs (speech synthesizers, a browser) or
+  # the tests that run other programs (speech synthesizers, a browser, Ray) or
   # PyTorch are left out, as the preloaded runtime would run in those too.
   LD_PRELOAD="$(runtime libasan.so)" ASAN_OPTIONS=detect_leaks=0:strict_string_checks=1 \
     PYTHONPATH="build/asan:python:tests" timed "asan pytest" python -m pytest $pytest_options tests \
     --ignore=tests/test_corpus.py --ignore=tests/test_default_model.py --ignore=tests/test_server_browser.py \
-    --ignore=tests/test_training_networks.py --ignore=tests/test_training_stages.py
+    --ignore=tests/test_server_ray.py --ignore=tests/test_training_networks.py --ignore=tests/test_training_stages.py
 }
 
 tsan() {

@@ -10,7 +10,8 @@ python3 -m venv .venv
 python -m pip install -q --upgrade pip
 # PyTorch's CPU build first, so the train extra finds it and pulls no GPU libraries.
 python -m pip install -q torch==2.13.0
-python -m pip install -q ".[test,train]"
+# The ray extra is for the Ray Serve test (a two-node local cluster).
+python -m pip install -q ".[test,train,ray]"
 # The native build takes pocketfft's header from this package (pinned by hash);
 # nothing else of it is used, so its own requirements are not installed.
 python -m pip install -q --no-deps pythran==0.19.0

@@ -37,16 +37,19 @@ def running_server(models, **state_options):
         thread.join()
 
 
-def stream_blocks(address, start, blocks, controls=(), fmt="f32le", headers=None, pace=0.0):
-    """Send `start`, then the blocks (with {index: control} sent before the
-    block at that index), then "end"; returns the converted samples as
-    float32 in the stream's format, and the closing messages."""
+def stream_blocks(address, start, blocks, controls=(), fmt="f32le", headers=None, pace=0.0, on_ready=None):
+    """Send `start`, then (after `on_ready()` returns, if given) the blocks,
+    with {index: control} sent before the block at that index, then "end";
+    returns the converted samples in the stream's format, and the text
+    messages."""
     dtype = FORMATS[fmt]
     controls = dict(controls)
     with connect(f"ws://{address}/stream", additional_headers=headers, max_size=None) as ws:
         ws.send(json.dumps(start))
         ready = json.loads(ws.recv())
         assert ready["type"] == "ready", ready
+        if on_ready is not None:
+            on_ready()
         for i, block in enumerate(blocks):
             if i in controls:
                 ws.send(json.dumps(dict(type="control", **controls[i])))

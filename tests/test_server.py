@@ -60,11 +60,12 @@ def blocks_of(case, seed):
     return [x[i:i + case["block"]] for i in range(0, len(x), case["block"])]
 
 
-def stream_case(address, k, case, seconds=0.0):
+def stream_case(address, k, case, seconds=0.0, on_ready=None):
     """Stream case k through the server, spread over `seconds`."""
     blocks = blocks_of(case, SEED + k)
     start = dict(type="start", **{key: case[key] for key in ("input_rate", "output_rate", "format", "speaker", "pitch")})
-    return stream_blocks(address, start, blocks, {5: case["control"]}, case["format"], pace=seconds / len(blocks))
+    return stream_blocks(address, start, blocks, {5: case["control"]}, case["format"], pace=seconds / len(blocks),
+                         on_ready=on_ready)
 
 
 def assert_offline(models, k, case, result):

@@ -62,14 +62,47 @@ class Stream:
         return len(self.queue)
 
 
+class BatchCost:
+    """How long a batch of n frames takes, from the batches already run: the
+    smoothed time of each size seen, interpolated between sizes. Below the
+    smallest size seen it scales that one down in proportion, which leaves
+    out the part of a batch that does not shrink with it (fetching the
+    weights); the first batch of a new smaller size may so run over, once,
+    and from then on its own time is known."""
+
+    SMOOTHING = 0.2
+
+    def __init__(self):
+        self.seconds = {}                       # batch size -> smoothed seconds
+
+    def record(self, size: int, seconds: float):
+        known = self.seconds.get(size, seconds)
+        self.seconds[size] = known + self.SMOOTHING * (seconds - known)
+
+    def predict(self, size: int) -> float:
+        sizes = sorted(self.seconds)
+        if not sizes:
+            return 0.0
+        if size <= sizes[0] or size >= sizes[-1]:      # in proportion to the nearest size seen
+            nearest = sizes[0] if size <= sizes[0] else sizes[-1]
+            return self.seconds[nearest] * size / nearest
+        return float(np.interp(size, sizes, [self.seconds[n] for n in sizes]))
+
+    def most_within(self, seconds: float, limit: int) -> int:
+        """The largest batch, up to `limit` frames, expected to take no longer than `seconds`."""
+        return next((n for n in range(limit, 0, -1) if self.predict(n) <= seconds), 0)
+
+
 class Scheduler:
     """Runs the streams' frames in batches on its own thread, one tick every
     10 ms on an absolute clock. A tick that ends after its deadline counts as
     missed; the next one then starts at once."""
 
     def __init__(self, models: ModelSet, metrics: Optional[Metrics] = None, tick_seconds: float = TICK_SECONDS,
-                 workers: int = 1):
+                 workers: int = 1, clock: Callable[[], float] = time.monotonic):
         self.models = models
+        self.clock = clock
+        self.cost = BatchCost()
         self.workers = max(1, workers)
         self._pool = concurrent.futures.ThreadPoolExecutor(self.workers - 1) if self.workers > 1 else None
         self.metrics = metrics or Metrics()
@@ -106,12 +139,12 @@ class Scheduler:
             self._thread.join()
 
     def _run(self):
-        deadline = time.monotonic() + self.tick_seconds
+        deadline = self.clock() + self.tick_seconds
         try:
             while not self._stop.is_set():
-                start, cpu = time.monotonic(), time.thread_time()
+                start, cpu = self.clock(), time.thread_time()
                 frames = self.tick(deadline)
-                end = time.monotonic()
+                end = self.clock()
                 missed = end > deadline
                 self.metrics.record_tick(end - start, frames, missed, time.thread_time() - cpu)
                 if missed:
@@ -124,18 +157,33 @@ class Scheduler:
             raise
 
     def tick(self, deadline: float = math.inf) -> int:
-        """One frame of every stream that has one through the chain; then,
-        while the deadline allows, one more of each stream that was already
-        further behind when the tick began (a late or bursty client), so a
-        backlog drains instead of adding to the stream's latency for good.
-        Returns how many frames ran."""
+        """One frame of every stream that has one through the chain. Then the
+        streams that were already behind when the tick began (after a late
+        tick, or from a bursty client) catch up: batches of their next frames,
+        the furthest behind first, as many as the time left before `deadline`
+        holds by what batches have cost so far. A stream behind thus drains
+        its backlog over the next ticks instead of keeping the extra latency
+        for good. Returns how many frames ran."""
         waiting = [(s, len(s.queue)) for s in self._streams if s.queue]
-        started, ran = time.monotonic(), 0
-        for pass_ in range(max((n for _, n in waiting), default=0)):
-            now = time.monotonic()
-            if pass_ and now + (now - started) / pass_ > deadline:
+        ran = self._timed_batch([s for s, _ in waiting])
+        behind = {s: n - 1 for s, n in waiting if n > 1}
+        while behind:
+            most = self.cost.most_within(deadline - self.clock(), len(behind))
+            if not most:
                 break
-            ran += self._run_batch([s for s, n in waiting if n > pass_])
+            batch = sorted(behind, key=behind.get, reverse=True)[:most]     # stable: ties keep their order
+            ran += self._timed_batch(batch)
+            for stream in batch:
+                behind[stream] -= 1
+                if not behind[stream]:
+                    del behind[stream]
+        return ran
+
+    def _timed_batch(self, streams) -> int:
+        start = self.clock()
+        ran = self._run_batch(streams)
+        if ran:
+            self.cost.record(ran, self.clock() - start)
         return ran
 
     def _compute(self, streams, frames):
