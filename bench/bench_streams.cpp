@@ -244,7 +244,7 @@ int main(int argc, char** argv) {
       PrintRun(runs.back(), floor_us);
     }
   }
-  if (options.json != nullptr && !WriteJson(options.json, processor, models, peak, runs, options.sweep ? best : nullptr))
-    return 1;
+  const int* sweep_best = options.sweep ? best : nullptr;
+  if (options.json != nullptr && !WriteJson(options.json, processor, models, peak, runs, sweep_best)) return 1;
   return 0;
 }
