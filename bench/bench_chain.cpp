@@ -1,15 +1,20 @@
-// Whole-chain speed for one stream on one thread: the phone extractor, the
-// pitch estimator and the waveform generator, frame after frame through the C
-// interface, with every kernel set this processor supports timed in the same
-// run (the sets take turns frame by frame, so a change in machine load hits
-// them alike). Per model and for the whole frame: median and 99th percentile of
-// the microseconds per 10 ms frame and the real-time factor 10 ms / median;
-// the AVX-512 set's speed-up over the AVX2 set; the
-// memory one stream (its three contexts) and one model set (the three model
-// blocks) take; and two floors measured alongside (one pass over the weights,
-// the frame's library tanh calls).
+// Whole-chain speed on one thread, and how far each network stands from its
+// floors. Every kernel set this processor supports runs in turn, one set at a
+// time: the phone extractor, the pitch estimator and the waveform generator,
+// frame after frame through the C interface, for one stream (the ...1 calls)
+// and for a batch of streams (the ...N calls). Measured alongside:
+//   the weight-pass floor: one pass over each model block with the running
+//   set's matrix product, every tenth frame of the one-stream run;
+//   the multiply-add floor: a frame's multiply-adds (network_costs.h) at the
+//   peak rate of a pure multiply-add loop on one core (floors.h).
+// Per set and model: median and 99th percentile of the microseconds per
+// 10 ms frame and the real-time factor; per network: its weight bytes and
+// multiply-adds, the one-stream median and the batch's time per stream-frame,
+// each as a ratio to the floors. Also the memory of one stream and of one
+// model set, and the cost of the frame's GELUs.
 //   cmake --build build/perf --target bench_chain &&
-//   build/perf/bench/bench_chain [--frames N] [--set NAME] [--json PATH] [phone.bin pitch.bin generator.bin]
+//   build/perf/bench/bench_chain [--frames N] [--batch B] [--set NAME] [--json PATH]
+//                                [phone.bin pitch.bin generator.bin]
 // Without files the weights are small random halves (the README shows how to
 // write well-conditioned files with the test references).
 #include <algorithm>
@@ -24,6 +29,9 @@
 #include <vector>
 
 #include "bench/bench_common.h"
+#include "bench/floors.h"
+#include "bench/network_costs.h"
+#include "bench/stream_group.h"
 #include "engine/corvina.h"
 #include "engine/kernel_set.h"
 #include "engine/kernels.h"
@@ -37,28 +45,24 @@ using namespace corvina::bench;
 namespace {
 
 constexpr int kWarmUp = 200;
-constexpr int kParts = 4;  // phone, pitch, waveform, whole frame
+constexpr int kPassEvery = 10;  // one weight pass per this many one-stream frames
+constexpr int kBatchWarmUp = 20;
+constexpr int kParts = kNetworks + 1;  // phone, pitch, waveform, whole frame
 const char* const kPartNames[kParts] = {"phone", "pitch", "waveform", "chain"};
 
 struct Options {
-  int frames = 2000;  // timed frames per kernel set
+  int frames = 2000;  // timed one-stream frames per kernel set
+  int batch = kMaxBatch;  // streams of the batched run; 0 leaves it out
   const char* json = nullptr;
-  const char* only = nullptr;  // --set NAME: time this kernel set alone (for instruction counting)
+  const char* only = nullptr;  // --set NAME: time this kernel set alone
   const char* files[3] = {nullptr, nullptr, nullptr};  // phone, pitch, generator
 };
 
-struct Chain {
-  const CorvinaPhoneExtractor* phone_model;
-  const CorvinaPitchEstimator* pitch_model;
-  const CorvinaWaveformGenerator* waveform_model;
-};
-
-// One stream's contexts and the frames it has timed.
+// One stream's contexts, run through the ...1 calls.
 struct Stream {
   CorvinaPhoneContext1* phone = Corvina_CreatePhoneContext1();
   CorvinaPitchContext1* pitch = Corvina_CreatePitchContext1();
   CorvinaWaveformContext1* waveform = Corvina_CreateWaveformContext1();
-  std::vector<double> micros[kParts];
   int next_frame = 0;
 
   Stream() = default;
@@ -70,83 +74,194 @@ struct Stream {
     Corvina_DestroyPhoneContext1(phone);
   }
 
-  void Run(const Chain& chain, const std::vector<float>& signal, const float* speaker, int frames, bool timed) {
+  // One frame; marks receive the clock before and after each model.
+  void Frame(const Models& models, const std::vector<float>& signal, const float* speaker, Clock::time_point* marks) {
     const int signal_frames = static_cast<int>(signal.size() / CORVINA_IN_HOP_LENGTH);
     float features[CORVINA_PHONE_CHANNELS], pitch_features[CORVINA_PITCH_FEATURES], output[CORVINA_OUT_HOP_LENGTH];
     std::int32_t bin;
-    for (int f = 0; f < frames; ++f) {
-      const float* x = signal.data() + static_cast<std::size_t>(next_frame++ % signal_frames) * CORVINA_IN_HOP_LENGTH;
-      const Clock::time_point t0 = Clock::now();
-      Corvina_ExtractPhone1(chain.phone_model, x, features, phone);
-      const Clock::time_point t1 = Clock::now();
-      Corvina_EstimatePitch1(chain.pitch_model, x, &bin, pitch_features, pitch);
-      const Clock::time_point t2 = Clock::now();
-      Corvina_GenerateWaveform1(chain.waveform_model, features, &bin, pitch_features, speaker, output, waveform);
-      const Clock::time_point t3 = Clock::now();
-      if (!timed) continue;
-      const Clock::time_point t[] = {t0, t1, t2, t3};
-      for (int p = 0; p < 3; ++p) micros[p].push_back(std::chrono::duration<double, std::micro>(t[p + 1] - t[p]).count());
-      micros[3].push_back(std::chrono::duration<double, std::micro>(t3 - t0).count());
-    }
+    const float* x = signal.data() + static_cast<std::size_t>(next_frame++ % signal_frames) * CORVINA_IN_HOP_LENGTH;
+    marks[0] = Clock::now();
+    Corvina_ExtractPhone1(models.phone, x, features, phone);
+    marks[1] = Clock::now();
+    Corvina_EstimatePitch1(models.pitch, x, &bin, pitch_features, pitch);
+    marks[2] = Clock::now();
+    Corvina_GenerateWaveform1(models.waveform, features, &bin, pitch_features, speaker, output, waveform);
+    marks[3] = Clock::now();
   }
 };
 
-// Costs measured on the spot: one pass over the three model blocks (every
-// half read and widened once, as a frame does; each block taken as a
-// 256-input matrix of the avx2 set's product), the floor of one stream;
-// and the frame's 18176 GELU values: the library tanh alone per value, and
-// the fast sets' whole GELU with the vector build of it.
-struct Floors {
-  double weights_us, gelu_library_us, gelu_vector_us;
+// Microseconds per part from the four marks of a frame, divided by `streams`.
+void Record(const Clock::time_point* marks, int streams, std::vector<double>* micros) {
+  for (int p = 0; p < kNetworks; ++p) micros[p].push_back(Micros(marks[p + 1] - marks[p]) / streams);
+  micros[kNetworks].push_back(Micros(marks[kNetworks] - marks[0]) / streams);
+}
+
+// What one kernel set measured, per part: one-stream frames, the batch's
+// time per stream-frame, and the weight pass over the part's blocks.
+struct SetRun {
+  KernelSet set;
+  Stats single[kParts], batched[kParts];
+  double pass_us[kParts];  // medians
 };
 
-Floors MeasureFloors(const Chain& chain) {
-  constexpr int kRepeats = 60, kTanhCalls = 18176;
-  const std::pair<const void*, std::size_t> blocks[] = {
-      {chain.phone_model, sizeof(PhoneExtractorBlock)},
-      {chain.pitch_model, sizeof(PitchEstimatorBlock)},
-      {chain.waveform_model, sizeof(WaveformGeneratorBlock)}};
-  constexpr int kInputs = 256;
-  constexpr std::size_t kPanelBytes = kInputs * kPanel * sizeof(f16);
-  const std::vector<float> zeros(kInputs, 0.0f);
-  std::vector<float> sink(sizeof(WaveformGeneratorBlock) / kPanelBytes * kPanel);
-  std::vector<double> weights, library, vector;
-  std::vector<float> values(kTanhCalls), work(kTanhCalls);
+SetRun RunSet(KernelSet set, const Models& models, const std::vector<float>& signal, const float* speaker,
+              const Options& options, WeightPass* pass) {
+  SelectKernelSet(set);
+  SetRun run{set, {}, {}, {}};
+  const std::pair<const void*, std::size_t> blocks[kNetworks] = {
+      {models.phone, kNetworkCosts[0].weight_bytes},
+      {models.pitch, kNetworkCosts[1].weight_bytes},
+      {models.waveform, kNetworkCosts[2].weight_bytes}};
+  std::vector<double> single[kParts], batched[kParts], passes[kParts];
+  Clock::time_point marks[kParts];
+  Stream stream;
+  for (int frame = 0; frame < kWarmUp + options.frames; ++frame) {
+    stream.Frame(models, signal, speaker, marks);
+    if (frame < kWarmUp) continue;
+    Record(marks, 1, single);
+    if (frame % kPassEvery != 0) continue;
+    double chain = 0.0;
+    for (int b = 0; b < kNetworks; ++b) {
+      passes[b].push_back(pass->Micros(set, blocks[b].first, blocks[b].second));
+      chain += passes[b].back();
+    }
+    passes[kNetworks].push_back(chain);
+  }
+  if (options.batch > 0) {
+    Group group(models, signal, speaker, 0, options.batch);
+    const int batch_frames = std::max(50, options.frames / options.batch);
+    for (int frame = 0; frame < kBatchWarmUp + batch_frames; ++frame) {
+      group.Frame(Mode::kBatch, frame, marks);
+      if (frame >= kBatchWarmUp) Record(marks, options.batch, batched);
+    }
+  }
+  for (int p = 0; p < kParts; ++p) {
+    run.single[p] = Summarise(single[p]);
+    if (options.batch > 0) run.batched[p] = Summarise(batched[p]);
+    run.pass_us[p] = Summarise(passes[p]).median;
+  }
+  return run;
+}
+
+NetworkCost PartCost(int part) { return part < kNetworks ? kNetworkCosts[part] : ChainCost(); }
+
+// The frame's 18176 GELU values: the library tanh alone per value, and the
+// fast sets' whole GELU with the vector build of it (medians of 60).
+struct GeluCosts {
+  double library_tanh_us, vector_gelu_us;
+};
+
+GeluCosts MeasureGelu() {
+  constexpr int kRepeats = 60, kValues = 18176;
+  std::vector<float> values(kValues), work(kValues);
   std::mt19937 rng(5);
   std::normal_distribution<float> normal(0.0f, 1.5f);
   for (float& v : values) v = normal(rng);
+  std::vector<double> library, vector;
   volatile float keep = 0.0f;
   for (int r = 0; r < kRepeats; ++r) {
-    Clock::time_point t0 = Clock::now();
-    for (const auto& block : blocks)
-      avx2::PanelAccumulate(static_cast<const f16*>(block.first), zeros.data(), sink.data(),
-                                 static_cast<int>(block.second / kPanelBytes * kPanel), kInputs);
-    Clock::time_point t1 = Clock::now();
     work = values;
-    Clock::time_point t2 = Clock::now();
-    for (float& v : work) v = std::tanh(v);  // the tanh calls alone
-    Clock::time_point t3 = Clock::now();
+    Clock::time_point t0 = Clock::now();
+    for (float& v : work) v = std::tanh(v);
+    library.push_back(Micros(Clock::now() - t0));
     keep = keep + work[0];
     work = values;
-    Clock::time_point t4 = Clock::now();
-    avx2::GeluInPlace(work.data(), kTanhCalls);
-    Clock::time_point t5 = Clock::now();
-    keep = keep + work[0] + sink[0];
-    weights.push_back(std::chrono::duration<double, std::micro>(t1 - t0).count());
-    library.push_back(std::chrono::duration<double, std::micro>(t3 - t2).count());
-    vector.push_back(std::chrono::duration<double, std::micro>(t5 - t4).count());
+    t0 = Clock::now();
+    avx2::GeluInPlace(work.data(), kValues);
+    vector.push_back(Micros(Clock::now() - t0));
+    keep = keep + work[0];
   }
-  return {Summarise(weights).median, Summarise(library).median, Summarise(vector).median};
+  return {Summarise(library).median, Summarise(vector).median};
+}
+
+void PrintTimes(const std::vector<SetRun>& runs) {
+  std::printf("| kernel set | model | median us | p99 us | x real time |\n|---|---|---:|---:|---:|\n");
+  for (const SetRun& run : runs)
+    for (int p = 0; p < kParts; ++p)
+      std::printf("| %s | %s | %.1f | %.1f | %.1f |\n", KernelSetName(run.set), kPartNames[p], run.single[p].median,
+                  run.single[p].p99, 10000.0 / run.single[p].median);
+}
+
+void PrintFloors(const std::vector<SetRun>& runs, const FmaPeak& peak, int batch) {
+  std::printf("\n| kernel set | network | weights MB | M multiply-adds | weight pass us | multiply-add floor us | "
+              "one stream us | x weight pass | x multiply-add floor | batch of %d: us per stream-frame | "
+              "x multiply-add floor | batch call / weight pass |\n"
+              "|---|---|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|\n", batch);
+  for (const SetRun& run : runs)
+    for (int p = 0; p < kParts; ++p) {
+      const NetworkCost cost = PartCost(p);
+      const double mac_us = peak.Micros(cost.multiply_adds), single = run.single[p].median;
+      std::printf("| %s | %s | %.2f | %.2f | %.1f | %.1f | %.1f | %.2f | %.2f |", KernelSetName(run.set),
+                  kPartNames[p], cost.weight_bytes * 1e-6, cost.multiply_adds * 1e-6, run.pass_us[p], mac_us,
+                  single, single / run.pass_us[p], single / mac_us);
+      if (batch > 0) {
+        const double per_stream = run.batched[p].median;
+        std::printf(" %.1f | %.2f | %.2f |\n", per_stream, per_stream / mac_us, per_stream * batch / run.pass_us[p]);
+      } else {
+        std::printf(" | | |\n");
+      }
+    }
+}
+
+void WriteStats(std::FILE* out, const char* name, const Stats& s) {
+  std::fprintf(out, "\"%s\": {\"median_us\": %.2f, \"p99_us\": %.2f}", name, s.median, s.p99);
+}
+
+bool WriteJson(const Options& options, const Models& models, const std::vector<SetRun>& runs, const FmaPeak& peak,
+               const GeluCosts& gelu, const double load[2]) {
+  std::FILE* out = OpenJson(options.json);
+  if (out == nullptr) return false;
+  std::fprintf(out, "{\n  \"processor\": \"%s\",\n  \"active_kernel_set\": \"%s\",\n", ProcessorName().c_str(),
+               KernelSetName(ActiveKernelSet()));
+  std::fprintf(out, "  \"weights\": \"%s\",\n  \"timed_frames\": %d,\n  \"batch_streams\": %d,\n", models.weights(),
+               options.frames, options.batch);
+  std::fprintf(out, "  \"load_average\": [%.2f, %.2f],\n", load[0], load[1]);
+  std::fprintf(out, "  \"multiply_add_floor\": {\"width\": \"%s\", \"multiply_adds_per_s\": %.4g},\n", peak.width,
+               peak.multiply_adds_per_s);
+  std::fprintf(out, "  \"kernel_sets\": {");
+  for (std::size_t r = 0; r < runs.size(); ++r) {
+    const SetRun& run = runs[r];
+    std::fprintf(out, "%s\n    \"%s\": {", r ? "," : "", KernelSetName(run.set));
+    for (int p = 0; p < kParts; ++p) {
+      const NetworkCost cost = PartCost(p);
+      const double mac_us = peak.Micros(cost.multiply_adds);
+      std::fprintf(out, "%s\n      \"%s\": {\"weight_bytes\": %zu, \"multiply_adds\": %zu, ", p ? "," : "",
+                   kPartNames[p], cost.weight_bytes, cost.multiply_adds);
+      std::fprintf(out, "\"weight_pass_us\": %.2f, \"multiply_add_floor_us\": %.2f, ", run.pass_us[p], mac_us);
+      WriteStats(out, "one_stream", run.single[p]);
+      std::fprintf(out, ", \"one_stream_to_weight_pass\": %.3f, \"one_stream_to_multiply_add_floor\": %.3f",
+                   run.single[p].median / run.pass_us[p], run.single[p].median / mac_us);
+      if (options.batch > 0) {
+        std::fprintf(out, ", ");
+        WriteStats(out, "batch_per_stream_frame", run.batched[p]);
+        std::fprintf(out, ", \"batch_to_multiply_add_floor\": %.3f, \"batch_call_to_weight_pass\": %.3f",
+                     run.batched[p].median / mac_us, run.batched[p].median * options.batch / run.pass_us[p]);
+      }
+      std::fprintf(out, "}");
+    }
+    std::fprintf(out, "\n    }");
+  }
+  std::fprintf(out, "\n  },\n  \"gelu_us\": {\"library_tanh\": %.2f, \"vector_gelu\": %.2f},", gelu.library_tanh_us,
+               gelu.vector_gelu_us);
+  std::fprintf(out, "\n  \"memory_bytes\": {\"per_stream\": %zu, \"phone_context\": %zu, \"pitch_context\": %zu, "
+                    "\"waveform_context\": %zu, \"per_model_set\": %zu}\n}\n",
+               sizeof(PhoneContext) + sizeof(PitchContext) + sizeof(WaveformContext), sizeof(PhoneContext),
+               sizeof(PitchContext), sizeof(WaveformContext), ChainCost().weight_bytes);
+  std::fclose(out);
+  return true;
 }
 
 bool ParseOptions(int argc, char** argv, Options* options) {
   int file = 0;
   for (int i = 1; i < argc; ++i) {
-    if (std::strcmp(argv[i], "--frames") == 0 && i + 1 < argc) {
+    const bool has_value = i + 1 < argc;
+    if (std::strcmp(argv[i], "--frames") == 0 && has_value) {
       options->frames = std::atoi(argv[++i]);
-    } else if (std::strcmp(argv[i], "--json") == 0 && i + 1 < argc) {
+    } else if (std::strcmp(argv[i], "--batch") == 0 && has_value) {
+      options->batch = std::atoi(argv[++i]);
+    } else if (std::strcmp(argv[i], "--json") == 0 && has_value) {
       options->json = argv[++i];
-    } else if (std::strcmp(argv[i], "--set") == 0 && i + 1 < argc) {
+    } else if (std::strcmp(argv[i], "--set") == 0 && has_value) {
       options->only = argv[++i];
     } else if (argv[i][0] != '-' && file < 3) {
       options->files[file++] = argv[i];
@@ -154,7 +269,7 @@ bool ParseOptions(int argc, char** argv, Options* options) {
       return false;
     }
   }
-  return (file == 0 || file == 3) && options->frames >= 1;
+  return (file == 0 || file == 3) && options->frames >= kPassEvery && options->batch >= 0;
 }
 
 }  // namespace
@@ -163,12 +278,12 @@ int main(int argc, char** argv) {
   Options options;
   if (!ParseOptions(argc, argv, &options)) {
     std::fprintf(stderr,
-                 "usage: %s [--frames N] [--set avx2|avx512] [--json PATH] [phone.bin pitch.bin generator.bin]\n",
-                 argv[0]);
+                 "usage: %s [--frames N] [--batch B] [--set avx2|avx512] [--json PATH] "
+                 "[phone.bin pitch.bin generator.bin]\n(N >= %d, B >= 0)\n",
+                 argv[0], kPassEvery);
     return 2;
   }
   const Models models(options.files);
-  const Chain chain{models.phone, models.pitch, models.waveform};
   const std::vector<float> signal = Signal(1000);
   const std::vector<float> speaker = Speaker();
 
@@ -182,82 +297,32 @@ int main(int argc, char** argv) {
     return 2;
   }
   const KernelSet active = ActiveKernelSet();
-  const double load_before = LoadAverage();
-
-  // Frame by frame in turn, so every set meets the same machine load and the
-  // same cache state (the other sets' frames have just passed through).
-  std::vector<Stream> streams(sets.size());
-  for (int frame = 0; frame < kWarmUp + options.frames; ++frame)
-    for (std::size_t s = 0; s < sets.size(); ++s) {
-      SelectKernelSet(sets[s]);
-      streams[s].Run(chain, signal, speaker.data(), 1, frame >= kWarmUp);
-    }
+  double load[2] = {LoadAverage(), 0.0};
+  const FmaPeak peak = MeasureFmaPeak();
+  WeightPass pass(kNetworkCosts[2].weight_bytes);
+  std::vector<SetRun> runs;
+  for (KernelSet set : sets) runs.push_back(RunSet(set, models, signal, speaker.data(), options, &pass));
   SelectKernelSet(active);
-  const Floors floors = MeasureFloors(chain);
-  const double load_after = LoadAverage();
+  const GeluCosts gelu = MeasureGelu();
+  load[1] = LoadAverage();
 
+  std::printf("corvina chain on one thread, the kernel sets one at a time: %d one-stream frames per set after %d "
+              "warm-up frames, then a batch of %d streams\n", options.frames, kWarmUp, options.batch);
+  std::printf("processor: %s; active kernel set: %s\n", ProcessorName().c_str(), KernelSetName(active));
+  std::printf("weights: %s; load average %.2f before, %.2f after\n", models.weights(), load[0], load[1]);
+  std::printf("multiply-add floor: a %s multiply-add loop ran %.1f G multiply-adds a second on one core\n\n",
+              peak.width, peak.multiply_adds_per_s * 1e-9);
+  PrintTimes(runs);
+  PrintFloors(runs, peak, options.batch);
   const std::size_t stream_bytes = sizeof(PhoneContext) + sizeof(PitchContext) + sizeof(WaveformContext);
-  const std::size_t model_bytes = sizeof(PhoneExtractorBlock) + sizeof(PitchEstimatorBlock) +
-                                  sizeof(WaveformGeneratorBlock);
-  const std::string processor = ProcessorName();
-  const int timed = options.frames;
-
-  std::printf("corvina chain, one stream, one thread: %d timed frames per kernel set after %d warm-up frames, the "
-              "sets taking turns frame by frame\n", timed, kWarmUp);
-  std::printf("processor: %s; active kernel set: %s\n", processor.c_str(), KernelSetName(active));
-  std::printf("weights: %s; load average %.2f before, %.2f after\n\n", models.weights(), load_before,
-              load_after);
-  std::printf("| kernel set | model | median us | p99 us | x real time |\n|---|---|---:|---:|---:|\n");
-  std::vector<Stats> stats(sets.size() * kParts);
-  for (std::size_t s = 0; s < sets.size(); ++s)
-    for (int p = 0; p < kParts; ++p) {
-      const Stats st = stats[s * kParts + p] = Summarise(streams[s].micros[p]);
-      std::printf("| %s | %s | %.1f | %.1f | %.1f |\n", KernelSetName(sets[s]), kPartNames[p], st.median, st.p99,
-                  10000.0 / st.median);
-    }
-  if (sets.size() > 1) std::printf("\nchain speed-up over %s (median, p99):", KernelSetName(sets[0]));
-  for (std::size_t s = 1; s < sets.size(); ++s)
-    std::printf(" %s %.2fx, %.2fx;", KernelSetName(sets[s]), stats[3].median / stats[s * kParts + 3].median,
-                stats[3].p99 / stats[s * kParts + 3].p99);
   std::printf("\nmemory per stream (three contexts): %zu + %zu + %zu = %zu bytes (%.1f KiB)\n", sizeof(PhoneContext),
               sizeof(PitchContext), sizeof(WaveformContext), stream_bytes, stream_bytes / 1024.0);
   std::printf("memory per model set (three model blocks): %zu + %zu + %zu = %zu bytes (%.1f MiB)\n",
-              sizeof(PhoneExtractorBlock), sizeof(PitchEstimatorBlock), sizeof(WaveformGeneratorBlock), model_bytes,
-              model_bytes / 1048576.0);
-  std::printf("one pass over the model blocks %.1f us; 18176 values: library tanh %.1f us, GELU with the vector tanh %.1f us"
-              " (%s; medians)\n",
-              floors.weights_us, floors.gelu_library_us, floors.gelu_vector_us,
+              kNetworkCosts[0].weight_bytes, kNetworkCosts[1].weight_bytes, kNetworkCosts[2].weight_bytes,
+              ChainCost().weight_bytes, ChainCost().weight_bytes / 1048576.0);
+  std::printf("18176 GELU values: library tanh %.1f us, GELU with the vector tanh %.1f us (%s; medians)\n",
+              gelu.library_tanh_us, gelu.vector_gelu_us,
               VectorTanhExact() ? "the fast sets use the vector tanh" : "the library differs: the fast sets call it");
-
-  if (options.json != nullptr) {
-    std::FILE* out = OpenJson(options.json);
-    if (out == nullptr) return 1;
-    std::fprintf(out, "{\n  \"processor\": \"%s\",\n  \"active_kernel_set\": \"%s\",\n", processor.c_str(),
-                 KernelSetName(active));
-    std::fprintf(out, "  \"weights\": \"%s\",\n  \"timed_frames\": %d,\n  \"load_average\": [%.2f, %.2f],\n",
-                 models.weights(), timed, load_before, load_after);
-    std::fprintf(out, "  \"kernel_sets\": {");
-    for (std::size_t s = 0; s < sets.size(); ++s) {
-      std::fprintf(out, "%s\n    \"%s\": {", s ? "," : "", KernelSetName(sets[s]));
-      for (int p = 0; p < kParts; ++p) {
-        const Stats& st = stats[s * kParts + p];
-        std::fprintf(out, "%s\n      \"%s\": {\"median_us\": %.2f, \"p99_us\": %.2f, \"real_time_factor\": %.2f}",
-                     p ? "," : "", kPartNames[p], st.median, st.p99, 10000.0 / st.median);
-      }
-      if (s > 0)
-        std::fprintf(out, ",\n      \"chain_speedup_over_first\": {\"median\": %.3f, \"p99\": %.3f}",
-                     stats[3].median / stats[s * kParts + 3].median, stats[3].p99 / stats[s * kParts + 3].p99);
-      std::fprintf(out, "\n    }");
-    }
-    std::fprintf(out, "\n  },\n  \"costs_us\": {\"weights_pass\": %.2f, \"gelu_library_tanh\": %.2f, "
-                      "\"gelu_vector_tanh\": %.2f},",
-                 floors.weights_us, floors.gelu_library_us, floors.gelu_vector_us);
-    std::fprintf(out, "\n  \"memory_bytes\": {\"per_stream\": %zu, \"phone_context\": %zu, \"pitch_context\": %zu, "
-                      "\"waveform_context\": %zu, \"per_model_set\": %zu, \"phone_model\": %zu, \"pitch_model\": %zu, "
-                      "\"waveform_model\": %zu}\n}\n",
-                 stream_bytes, sizeof(PhoneContext), sizeof(PitchContext), sizeof(WaveformContext), model_bytes,
-                 sizeof(PhoneExtractorBlock), sizeof(PitchEstimatorBlock), sizeof(WaveformGeneratorBlock));
-    std::fclose(out);
-  }
+  if (options.json != nullptr && !WriteJson(options, models, runs, peak, gelu, load)) return 1;
   return 0;
 }

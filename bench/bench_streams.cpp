@@ -6,12 +6,14 @@
 // misses its deadline when it ends after its tick + 10 ms; a thread that falls
 // behind starts the next tick at once, so an overload shows as a run of misses.
 // Per run: the time a thread spends per tick (median, p99, worst), that time
-// per stream, how late threads woke up, the misses, and the load average.
+// per stream and its ratio to the multiply-add floor (a stream-frame's
+// multiply-adds at the peak rate of one core, measured at the start), how late
+// threads woke up, the misses, and the load average.
 // --sweep finds, for both modes, the most streams (2, 4, ..., 40) that ran a
 // few seconds without a miss, going up until a thread's median tick takes
 // longer than 10 ms.
-//   cmake --build build/py --target bench_streams &&
-//   build/py/bench/bench_streams [--streams S] [--threads T] [--seconds N] [--mode batch|single|both]
+//   cmake --build build/perf --target bench_streams &&
+//   build/perf/bench/bench_streams [--streams S] [--threads T] [--seconds N] [--mode batch|single|both]
 //                                [--sweep] [--json PATH] [phone.bin pitch.bin generator.bin]
 // Without files the weights are small random halves.
 #include <algorithm>
@@ -26,6 +28,9 @@
 #include <vector>
 
 #include "bench/bench_common.h"
+#include "bench/floors.h"
+#include "bench/network_costs.h"
+#include "bench/stream_group.h"
 #include "engine/corvina.h"
 
 using namespace corvina::bench;
@@ -38,9 +43,6 @@ constexpr int kWarmUpTicks = 50;
 constexpr int kSweepMax = 40;
 constexpr double kSweepSeconds = 3.0;
 
-enum class Mode { kBatch, kSingle };
-const char* ModeName(Mode mode) { return mode == Mode::kBatch ? "batch" : "single"; }
-
 struct Options {
   int streams = 20;
   int threads = 2;
@@ -49,86 +51,6 @@ struct Options {
   bool sweep = false;
   const char* json = nullptr;
   const char* files[3] = {nullptr, nullptr, nullptr};  // phone, pitch, generator
-};
-
-// One thread's streams: their contexts, the buffers between the models and
-// the pointer arrays the ...N calls take, all made before the clock starts.
-class Group {
- public:
-  Group(const Models& models, const std::vector<float>& signal, const float* speaker, int first, int count)
-      : models_(models),
-        signal_(signal.data()),
-        signal_frames_(static_cast<int>(signal.size() / CORVINA_IN_HOP_LENGTH)),
-        count_(count),
-        features_(static_cast<std::size_t>(count) * CORVINA_PHONE_CHANNELS),
-        pitch_features_(static_cast<std::size_t>(count) * CORVINA_PITCH_FEATURES),
-        output_(static_cast<std::size_t>(count) * CORVINA_OUT_HOP_LENGTH),
-        bins_(count),
-        inputs_(count),
-        speakers_(count, speaker) {
-    for (int i = 0; i < count; ++i) {
-      offsets_.push_back((first + i) * 37 % signal_frames_);  // the streams say different things
-      phone_.push_back(Corvina_CreatePhoneContext1());
-      pitch_.push_back(Corvina_CreatePitchContext1());
-      waveform_.push_back(Corvina_CreateWaveformContext1());
-      features_out_.push_back(features_.data() + i * CORVINA_PHONE_CHANNELS);
-      pitch_features_out_.push_back(pitch_features_.data() + i * CORVINA_PITCH_FEATURES);
-      output_out_.push_back(output_.data() + i * CORVINA_OUT_HOP_LENGTH);
-      bins_out_.push_back(bins_.data() + i);
-    }
-    features_in_.assign(features_out_.begin(), features_out_.end());
-    pitch_features_in_.assign(pitch_features_out_.begin(), pitch_features_out_.end());
-    bins_in_.assign(bins_out_.begin(), bins_out_.end());
-  }
-  Group(const Group&) = delete;
-  Group& operator=(const Group&) = delete;
-  ~Group() {
-    for (int i = 0; i < count_; ++i) {
-      Corvina_DestroyWaveformContext1(waveform_[i]);
-      Corvina_DestroyPitchContext1(pitch_[i]);
-      Corvina_DestroyPhoneContext1(phone_[i]);
-    }
-  }
-
-  int count() const { return count_; }
-
-  // Frame `tick` of every stream through the whole chain.
-  void Frame(Mode mode, int tick) {
-    for (int i = 0; i < count_; ++i)
-      inputs_[i] = signal_ + static_cast<std::size_t>((offsets_[i] + tick) % signal_frames_) * CORVINA_IN_HOP_LENGTH;
-    if (mode == Mode::kBatch) {
-      Corvina_ExtractPhoneN(models_.phone, count_, inputs_.data(), features_out_.data(), phone_.data());
-      Corvina_EstimatePitchN(models_.pitch, count_, inputs_.data(), bins_out_.data(), pitch_features_out_.data(),
-                             pitch_.data());
-      Corvina_GenerateWaveformN(models_.waveform, count_, features_in_.data(), bins_in_.data(),
-                                pitch_features_in_.data(), speakers_.data(), output_out_.data(), waveform_.data());
-      return;
-    }
-    for (int i = 0; i < count_; ++i) {
-      Corvina_ExtractPhone1(models_.phone, inputs_[i], features_out_[i], phone_[i]);
-      Corvina_EstimatePitch1(models_.pitch, inputs_[i], bins_out_[i], pitch_features_out_[i], pitch_[i]);
-      Corvina_GenerateWaveform1(models_.waveform, features_in_[i], bins_in_[i], pitch_features_in_[i], speakers_[i],
-                                output_out_[i], waveform_[i]);
-    }
-  }
-
- private:
-  const Models& models_;
-  const float* signal_;
-  int signal_frames_;
-  int count_;
-  std::vector<float> features_, pitch_features_, output_;
-  std::vector<std::int32_t> bins_;
-  std::vector<int> offsets_;
-  std::vector<CorvinaPhoneContext1*> phone_;
-  std::vector<CorvinaPitchContext1*> pitch_;
-  std::vector<CorvinaWaveformContext1*> waveform_;
-  std::vector<const float*> inputs_;
-  std::vector<const float*> speakers_;
-  std::vector<float*> features_out_, pitch_features_out_, output_out_;
-  std::vector<std::int32_t*> bins_out_;
-  std::vector<const float*> features_in_, pitch_features_in_;
-  std::vector<const std::int32_t*> bins_in_;
 };
 
 // What one thread measured, one entry per timed tick.
@@ -199,14 +121,15 @@ Run RunStreams(const Models& models, const std::vector<float>& signal, const flo
 }
 
 void PrintHeader() {
-  std::printf("| mode | streams | threads | median us | p99 us | worst us | us per stream-frame | missed | "
-              "wake-up p99 us | load before | load after |\n|---|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|\n");
+  std::printf("| mode | streams | threads | median us | p99 us | worst us | us per stream-frame | x multiply-add "
+              "floor | missed | wake-up p99 us | load before | load after |\n"
+              "|---|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|\n");
 }
 
-void PrintRun(const Run& r) {
-  std::printf("| %s | %d | %d | %.0f | %.0f | %.0f | %.1f | %ld of %d | %.0f | %.2f | %.2f |\n", ModeName(r.mode),
-              r.streams, r.threads, r.frame.median, r.frame.p99, r.frame.worst, r.per_stream_us, r.misses,
-              r.ticks * r.threads, r.wake.p99, r.load_before, r.load_after);
+void PrintRun(const Run& r, double floor_us) {
+  std::printf("| %s | %d | %d | %.0f | %.0f | %.0f | %.1f | %.2f | %ld of %d | %.0f | %.2f | %.2f |\n",
+              ModeName(r.mode), r.streams, r.threads, r.frame.median, r.frame.p99, r.frame.worst, r.per_stream_us,
+              r.per_stream_us / floor_us, r.misses, r.ticks * r.threads, r.wake.p99, r.load_before, r.load_after);
   std::fflush(stdout);
 }
 
@@ -214,19 +137,24 @@ void WriteStats(std::FILE* out, const char* name, const Stats& s) {
   std::fprintf(out, "\"%s\": {\"median\": %.1f, \"p99\": %.1f, \"worst\": %.1f}", name, s.median, s.p99, s.worst);
 }
 
-bool WriteJson(const char* path, const std::string& processor, const Models& models, const std::vector<Run>& runs,
-               const int* sweep_best) {
+bool WriteJson(const char* path, const std::string& processor, const Models& models, const FmaPeak& peak,
+               const std::vector<Run>& runs, const int* sweep_best) {
+  const double floor_us = peak.Micros(ChainCost().multiply_adds);
   std::FILE* out = OpenJson(path);
   if (out == nullptr) return false;
-  std::fprintf(out, "{\n  \"processor\": \"%s\",\n  \"weights\": \"%s\",\n  \"tick_us\": 10000,\n  \"runs\": [",
+  std::fprintf(out, "{\n  \"processor\": \"%s\",\n  \"weights\": \"%s\",\n  \"tick_us\": 10000,",
                processor.c_str(), models.weights());
+  std::fprintf(out, "\n  \"multiply_add_floor\": {\"width\": \"%s\", \"multiply_adds_per_s\": %.4g, "
+                    "\"stream_frame_multiply_adds\": %zu, \"stream_frame_us\": %.2f},\n  \"runs\": [",
+               peak.width, peak.multiply_adds_per_s, ChainCost().multiply_adds, floor_us);
   for (std::size_t i = 0; i < runs.size(); ++i) {
     const Run& r = runs[i];
     std::fprintf(out, "%s\n    {\"mode\": \"%s\", \"streams\": %d, \"threads\": %d, \"ticks\": %d, ", i ? "," : "",
                  ModeName(r.mode), r.streams, r.threads, r.ticks);
     WriteStats(out, "frame_us", r.frame);
-    std::fprintf(out, ", \"us_per_stream_frame\": %.2f, \"deadline_misses\": %ld, \"frames\": %d, ", r.per_stream_us,
-                 r.misses, r.ticks * r.threads);
+    std::fprintf(out, ", \"us_per_stream_frame\": %.2f, \"ratio_to_multiply_add_floor\": %.3f, "
+                      "\"deadline_misses\": %ld, \"frames\": %d, ",
+                 r.per_stream_us, r.per_stream_us / floor_us, r.misses, r.ticks * r.threads);
     WriteStats(out, "wake_up_us", r.wake);
     std::fprintf(out, ", \"load_average\": [%.2f, %.2f]}", r.load_before, r.load_after);
   }
@@ -284,11 +212,16 @@ int main(int argc, char** argv) {
   const std::vector<float> speaker = Speaker();
   const std::string processor = ProcessorName();
   const double seconds = options.seconds > 0.0 ? options.seconds : options.sweep ? kSweepSeconds : 20.0;
+  const FmaPeak peak = MeasureFmaPeak();
+  const double floor_us = peak.Micros(ChainCost().multiply_adds);
 
   std::printf("corvina streams in real time: every thread processes one frame of each of its streams per 10 ms tick "
               "(absolute deadlines), %.0f s timed after %d warm-up ticks\n", seconds, kWarmUpTicks);
-  std::printf("processor: %s; %u hardware threads; weights: %s\n\n", processor.c_str(),
+  std::printf("processor: %s; %u hardware threads; weights: %s\n", processor.c_str(),
               std::thread::hardware_concurrency(), models.weights());
+  std::printf("multiply-add floor: a %s multiply-add loop ran %.1f G multiply-adds a second on one core; a "
+              "stream-frame's %.2f M multiply-adds need %.1f us\n\n",
+              peak.width, peak.multiply_adds_per_s * 1e-9, ChainCost().multiply_adds * 1e-6, floor_us);
   PrintHeader();
   std::vector<Run> runs;
   int best[2] = {0, 0};  // batch, single
@@ -298,7 +231,7 @@ int main(int argc, char** argv) {
     for (Mode mode : {Mode::kBatch, Mode::kSingle})
       for (int streams = std::max(2, options.threads); streams <= kSweepMax; streams += 2) {
         runs.push_back(RunStreams(models, signal, speaker.data(), mode, streams, options.threads, seconds));
-        PrintRun(runs.back());
+        PrintRun(runs.back(), floor_us);
         if (runs.back().misses == 0) best[mode == Mode::kSingle] = streams;
         if (runs.back().frame.median > kTickUs) break;
       }
@@ -308,10 +241,10 @@ int main(int argc, char** argv) {
     for (Mode mode : {Mode::kBatch, Mode::kSingle}) {
       if (!(mode == Mode::kBatch ? options.batch : options.single)) continue;
       runs.push_back(RunStreams(models, signal, speaker.data(), mode, options.streams, options.threads, seconds));
-      PrintRun(runs.back());
+      PrintRun(runs.back(), floor_us);
     }
   }
-  if (options.json != nullptr && !WriteJson(options.json, processor, models, runs, options.sweep ? best : nullptr))
-    return 1;
+  const int* sweep_best = options.sweep ? best : nullptr;
+  if (options.json != nullptr && !WriteJson(options.json, processor, models, peak, runs, sweep_best)) return 1;
   return 0;
 }

@@ -1,9 +1,10 @@
-"""Waveform generator speed through the Python call, alone and chained after
-the phone extractor and pitch estimator as a host runs them: microseconds per
-10 ms frame (median and 99th percentile over 2000 frames after 200 warm-up
-frames) and the real-time factor 10 ms / median. Weights are random, from the
-test references' writers; the same files are then handed to the native
-benchmark (bench_waveform) for the engine's figures and per-stage shares.
+"""Waveform generator speed through the Python call, its inputs from the
+phone extractor and pitch estimator: microseconds per 10 ms frame (median and
+99th percentile over 2000 frames after 200 warm-up frames) and the real-time
+factor 10 ms / median. Weights are random, from the test references' writers;
+the same files are then handed to the native benchmark (bench_waveform) for
+the engine's figures and per-stage shares. The whole chain through Python
+against the native chain: bench_chain.py.
 
     python3 bench/bench_waveform.py [build-dir]      (default build/waveform)
 """
@@ -58,16 +59,6 @@ def main():
             generator(features, bins, pitch_features, speaker, context)
             micros.append((time.perf_counter_ns() - start) / 1000.0)
         report("WaveformGenerator.__call__", micros)
-
-        contexts = [m.new_context(1) for m in (extractor, estimator, generator)]
-        micros = []
-        for x in rows:
-            start = time.perf_counter_ns()
-            features = extractor(x, contexts[0])
-            bins, pitch_features = estimator(x, contexts[1])
-            generator(features, bins, pitch_features, speaker, contexts[2])
-            micros.append((time.perf_counter_ns() - start) / 1000.0)
-        report("chain from Python (phone + pitch + waveform)", micros)
 
         native = os.path.join(BUILD, "bench", "bench_waveform")
         if os.path.exists(native):
