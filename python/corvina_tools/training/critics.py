@@ -11,6 +11,15 @@ from torch.nn.utils.parametrizations import weight_norm
 SLOPE = 0.1
 
 
+def _score(convs, out, x):
+    """(score map, every layer's activations) of a stack of convolutions."""
+    features = []
+    for conv in convs:
+        x = F.leaky_relu(conv(x), SLOPE)
+        features.append(x)
+    return out(x), features
+
+
 class PeriodCritic(nn.Module):
     """The waveform folded into rows of `period` samples, read by 2-D
     convolutions along the time axis only: each column is every
@@ -29,11 +38,7 @@ class PeriodCritic(nn.Module):
         batch, length = audio.shape
         pad = -length % self.period
         x = F.pad(audio, (0, pad), mode="reflect").view(batch, 1, -1, self.period)
-        features = []
-        for conv in self.convs:
-            x = F.leaky_relu(conv(x), SLOPE)
-            features.append(x)
-        return self.out(x), features
+        return _score(self.convs, self.out, x)
 
 
 class SpectrogramCritic(nn.Module):
@@ -51,11 +56,7 @@ class SpectrogramCritic(nn.Module):
     def forward(self, audio):
         spectrum = torch.stft(audio, self.n_fft, self.hop, window=self.window, return_complex=True).abs()
         x = torch.log(spectrum + 1e-5)[:, None]
-        features = []
-        for conv in self.convs:
-            x = F.leaky_relu(conv(x), SLOPE)
-            features.append(x)
-        return self.out(x), features
+        return _score(self.convs, self.out, x)
 
 
 class Critics(nn.Module):
