@@ -43,7 +43,8 @@ def sound_bounds(audio16: np.ndarray) -> tuple[int, int]:
     return start, end
 
 
-def _fit(audio: np.ndarray, length: int) -> np.ndarray:
+def fit_length(audio: np.ndarray, length: int) -> np.ndarray:
+    """audio cut or zero-padded to `length` samples (float64)."""
     out = np.zeros(length, dtype=np.float64)
     out[: min(length, len(audio))] = audio[:length]
     return out
@@ -62,8 +63,8 @@ def prepare_audio(audio: np.ndarray, rate: int, gain: float, peak: float = 0.7
     at24 = soxr.resample(audio, rate, RATE24, quality="HQ") if rate != RATE24 else audio
     start, end = sound_bounds(at16)
     frames = -(-(end - start) // HOP16)
-    audio16 = _fit(at16[start:end], frames * HOP16)
-    audio24 = _fit(at24[start * 3 // 2:end * 3 // 2], frames * HOP24)
+    audio16 = fit_length(at16[start:end], frames * HOP16)
+    audio24 = fit_length(at24[start * 3 // 2:end * 3 // 2], frames * HOP24)
     top = np.max(np.abs(audio16))
     if top < 1e-4:
         raise AudioError("silent")
@@ -86,7 +87,7 @@ def frame_f0(audio16: np.ndarray, tracker: str = "dio") -> np.ndarray:
     else:
         f0, times = pyworld.dio(shifted, RATE16, f0_floor=F0_FLOOR, f0_ceil=F0_CEIL, frame_period=period)
         f0 = pyworld.stonemask(shifted, f0, times, RATE16)
-    return _fit(f0, frames).astype(np.float32)
+    return fit_length(f0, frames).astype(np.float32)
 
 
 def phone_index(phone: str) -> int:

@@ -17,7 +17,7 @@ from pathlib import Path
 import numpy as np
 import soxr
 
-from .alignment import HOP16, HOP24, RATE16, RATE24
+from .alignment import HOP16, RATE16, RATE24, fit_length
 
 LOWEST_HZ, HIGHEST_HZ = 70.0, 450.0       # a copy's median pitch stays in a speaking range
 
@@ -32,11 +32,7 @@ def shift_pitch(audio24: np.ndarray, semitones: float) -> np.ndarray:
     call(tier, "Multiply frequencies", sound.xmin, sound.xmax, 2 ** (semitones / 12))
     call([tier, manipulation], "Replace pitch tier")
     out = call(manipulation, "Get resynthesis (overlap-add)").values[0]
-    return _fit(out, len(audio24))
-
-
-def _fit(audio, length):
-    return np.pad(audio[:length], (0, max(0, length - len(audio))))
+    return fit_length(out, len(audio24))
 
 
 def shifted_path(original: Path, semitones: int) -> Path:
@@ -61,8 +57,8 @@ def shifted_copy(path: Path, semitones: int) -> dict:
         arrays = {k: z[k] for k in z.files}
     audio24 = shift_pitch(arrays["audio24"], semitones).astype(np.float32)
     frames = len(arrays["audio16"]) // HOP16
-    audio16 = _fit(soxr.resample(audio24, RATE24, RATE16, quality="HQ"), frames * HOP16).astype(np.float32)
-    arrays.update(audio24=_fit(audio24, frames * HOP24), audio16=audio16,
+    audio16 = fit_length(soxr.resample(audio24, RATE24, RATE16, quality="HQ"), frames * HOP16).astype(np.float32)
+    arrays.update(audio24=audio24, audio16=audio16,
                   f0=(arrays["f0"] * 2 ** (semitones / 12)).astype(np.float32))
     return arrays
 
