@@ -62,7 +62,7 @@ def model_dir(corpus, tmp_path_factory):
     model, checkpoints = tmp_path_factory.mktemp("model"), tmp_path_factory.mktemp("checkpoints")
     torch.manual_seed(0)
     for kind, sizes in (("pitch", dict(batch=4, frames=60)), ("phone", dict(batch=4, frames=60)),
-                        ("waveform", dict(batch=2, frames=40))):
+                        ("waveform", dict(batch=2, frames=40, phase_weight=1.0))):
         stage = make_stage(kind, corpus, model, **sizes)
         stage.learning_rate = 2e-3
         before = fixed_loss(stage)

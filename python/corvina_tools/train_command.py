@@ -50,6 +50,9 @@ def add_commands(sub):
             p.add_argument("--adversarial", action="store_true",
                            help="also train critics and learn to fool them, the usual way to clean up "
                                 "harmonics; it needs hours: resume it from a run without")
+            p.add_argument("--phase-weight", type=float, default=0.0, metavar="W",
+                           help="weight of the loss on the phase's advance between frames and bins, "
+                                "against breathy voices (default 0)")
         p.set_defaults(run=run_train)
 
 
@@ -78,6 +81,7 @@ def run_train(args):
         os.makedirs(args.checkpoints, exist_ok=True)
         sizes["cache"] = os.path.join(args.checkpoints, f"{args.stage}_inputs.pt")
         sizes["adversarial"] = args.adversarial
+        sizes["phase_weight"] = args.phase_weight
     speakers = args.speakers.split(",") if args.speakers else None
     try:
         stage = make_stage(args.stage, args.corpus, args.model, speakers, args.device, args.sentences, **sizes)

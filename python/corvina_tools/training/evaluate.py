@@ -8,6 +8,8 @@ through the engine exactly as `corvina convert` does:
   the input's shifted by the requested semitones (frames voiced in both;
   an error is a deviation of more than 20 %), and the share of the input's
   voiced frames the tracker still finds voiced in the output;
+- breathiness: the harmonics-to-noise ratio (dB, frames the tracker finds
+  unvoiced count as 0) of input and output over the input's voiced frames;
 - speaker similarity: each voice summarised by the mean and deviation of
   its MFCCs (timbre and vocal-tract shape, averaged over the words), cosine
   similarity to every training speaker's summary: how often the output is
@@ -74,6 +76,15 @@ def gross_pitch_error(source16, output16, semitones):
     return float(np.mean(np.abs(f_out[both] / f_in[both] - 1) > 0.2)), kept
 
 
+def harmonicity(audio16, voiced):
+    """Mean harmonics-to-noise ratio in dB over the `voiced` 10 ms frames."""
+    import parselmouth
+    hnr = parselmouth.Sound(audio16.astype(np.float64), 16000).to_harmonicity_cc(time_step=0.01).values[0]
+    hnr = np.clip(hnr, 0, None)          # unvoiced frames read -200 dB
+    n = min(len(hnr), len(voiced))
+    return float(hnr[:n][voiced[:n]].mean()) if voiced[:n].any() else 0.0
+
+
 def evaluate(corpus_dir, model_dir, source_speakers=None, sentences=8, shift=4.0, log=print):
     index = json.load(open(os.path.join(corpus_dir, "corpus.json")))
     if source_speakers is None:
@@ -90,10 +101,12 @@ def evaluate(corpus_dir, model_dir, source_speakers=None, sentences=8, shift=4.0
     recognise = Recogniser(model_dir)
     figures = {"input_phone_error_rate": [], "output_phone_error_rate": [], "gross_pitch_error": [],
                "gross_pitch_error_shifted": [], "closer_to_target": [], "identified_as_target": [],
-               "target_rank": [], "voicing_kept": []}
+               "target_rank": [], "voicing_kept": [], "input_harmonicity_db": [], "output_harmonicity_db": []}
     for u in utterances:
         truth = list(u.phone_sequence) if u.phone_sequence is not None else None
         source_summary = voice_summary(u.audio24, 24000)
+        voiced = frame_f0(u.audio16) > 0
+        figures["input_harmonicity_db"].append(harmonicity(u.audio16, voiced))
         if truth:
             figures["input_phone_error_rate"].append(edit_distance(recognise(u.audio16), truth) / len(truth))
         for row, name in enumerate(names):
@@ -106,6 +119,7 @@ def evaluate(corpus_dir, model_dir, source_speakers=None, sentences=8, shift=4.0
                 if semitones:
                     continue
                 figures["voicing_kept"].append(kept)
+                figures["output_harmonicity_db"].append(harmonicity(out16, voiced))
                 if truth:
                     figures["output_phone_error_rate"].append(edit_distance(recognise(out16), truth) / len(truth))
                 if name in centroid:

@@ -42,6 +42,39 @@ def spectral_loss(predicted, target, resolutions=RESOLUTIONS):
     return total
 
 
+PHASE_RESOLUTIONS = ((1024, 128), (512, 64))
+
+
+def phase_loss(predicted, target, resolutions=PHASE_RESOLUTIONS):
+    """How far the predicted phase's advance differs from the target's, from
+    frame to frame (instantaneous frequency) and from bin to bin (group
+    delay), weighted by the target's magnitude: 0 when they agree, about 1
+    for random phase. Both are blind to a constant phase offset, which a
+    causal generator cannot know, but not to the drift between harmonics
+    that magnitude losses barely see and that sounds breathy."""
+    total = 0.0
+    for n_fft, hop in resolutions:
+        window = _window(n_fft, predicted.device)
+        p = torch.stft(predicted, n_fft, hop, window=window, return_complex=True)
+        t = torch.stft(target, n_fft, hop, window=window, return_complex=True)
+        for dim in (-1, -2):
+            total = total + _advance_mismatch(_advance(p, dim), _advance(t, dim))
+    return total
+
+
+def _advance(spectrum, dim):
+    """Each bin times the conjugate of its predecessor along `dim`: the
+    phase advance as an angle, the magnitudes' product as a weight."""
+    n = spectrum.shape[dim]
+    return spectrum.narrow(dim, 1, n - 1) * spectrum.narrow(dim, 0, n - 1).conj()
+
+
+def _advance_mismatch(p, t):
+    weight = t.abs()
+    agreement = (p * t.conj()).real / (p.abs() * weight + 1e-9)
+    return (weight * (1 - agreement)).sum() / (weight.sum() + 1e-9)
+
+
 def mel_loss(predicted, target, rate=24000, n_fft=1024, hop=240, mels=80):
     """L1 between log mel spectrograms."""
     window = _window(n_fft, predicted.device)

@@ -15,7 +15,7 @@ from ..model_files import PHONE, PITCH, SPEAKERS, WAVEFORM
 from ..pitch_bins import BINS_PER_SEMITONE, nearest_bin
 from .critics import Critics
 from .data import IN_HOP, OUT_HOP, Corpus, cut
-from .losses import collapse, edit_distance, mel_loss, pitch_targets, spectral_loss
+from .losses import collapse, edit_distance, mel_loss, phase_loss, pitch_targets, spectral_loss
 from .parameter_files import load_parameters, save_parameters, write_speakers
 from .phone import PhoneExtractor
 from .pitch import PitchEstimator
@@ -294,9 +294,9 @@ class GeneratorTraining(nn.Module):
 
     FEATURE_MATCHING_WEIGHT = 2.0
 
-    def __init__(self, network, rows, fixed=None, critics=None):
+    def __init__(self, network, rows, fixed=None, critics=None, phase_weight=0.0):
         super().__init__()
-        self.network = network
+        self.network, self.phase_weight = network, phase_weight
         self.rows = nn.Parameter(rows)
         self.register_buffer("fixed", fixed if fixed is not None else rows.new_zeros(0, rows.shape[1]))
         # Kept in a tuple so the critics are not this module's parameters:
@@ -313,6 +313,10 @@ class GeneratorTraining(nn.Module):
         spectral = spectral_loss(out, target)
         mel = mel_loss(out, target)
         loss, figures = spectral + mel, {"spectral": spectral.item(), "mel": mel.item()}
+        if self.phase_weight:
+            phase = phase_loss(out, target)
+            loss = loss + self.phase_weight * phase
+            figures["phase"] = phase.item()
         if self.critics and self.training:
             critics = self.critics[0].requires_grad_(False)
             adversarial, matching = critics.generator_loss(out, target)
@@ -336,7 +340,7 @@ class GeneratorStage(Stage):
     learning_rate = 3e-4
 
     def __init__(self, corpus, model_dir, batch=8, frames=50, device="cpu", fine_tune=False, out_dir=None,
-                 cache=None, adversarial=False):
+                 cache=None, adversarial=False, phase_weight=0.0):
         self.corpus, self.model_dir, self.size, self.frames, self.device = corpus, model_dir, batch, frames, device
         self.out_dir = out_dir or model_dir
         self.network = WaveformGenerator()
@@ -354,7 +358,7 @@ class GeneratorStage(Stage):
             names = old_names + names
         self.names = names
         self.critic = Critics().to(device) if adversarial else None
-        self.trainable = GeneratorTraining(self.network, rows, fixed, self.critic).to(device)
+        self.trainable = GeneratorTraining(self.network, rows, fixed, self.critic, phase_weight).to(device)
         self.validation = validation_set(corpus, 24, None)
         self.train_inputs, self.validation_inputs = cached_engine_inputs(model_dir, corpus.train, self.validation,
                                                                          cache)
@@ -376,7 +380,7 @@ class GeneratorStage(Stage):
                 torch.tensor(rows, device=to), torch.stack(target).to(to))
 
     def validate(self):
-        spectral = mel = 0.0
+        spectral = mel = phase = 0.0
         for u, (phone, bins, features) in zip(self.validation, self.validation_inputs):
             n = min(u.frames, 400)
             rows = torch.tensor([self.row_of[u.speaker]], device=self.device)
@@ -386,8 +390,12 @@ class GeneratorStage(Stage):
             _, figures = self.trainable(*args)
             spectral += figures["spectral"]
             mel += figures["mel"]
+            phase += figures.get("phase", 0.0)
         count = max(len(self.validation), 1)
-        return {"spectral_loss": spectral / count, "mel_loss": mel / count}
+        figures = {"spectral_loss": spectral / count, "mel_loss": mel / count}
+        if self.trainable.phase_weight:
+            figures["phase_loss"] = phase / count
+        return figures
 
     def finish(self):
         os.makedirs(self.out_dir, exist_ok=True)
