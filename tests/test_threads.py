@@ -10,12 +10,13 @@ import numpy as np
 import pytest
 
 import corvina
-from signals import Chain, frames, speech_like
+from corvina_tools.speech import speech_frames
+from signals import Chain
 
 N_THREADS = 6
 N_FRAMES = 30
 SEED = 11
-STREAMS = [frames(speech_like(N_FRAMES, seed=SEED + k)) for k in range(N_THREADS)]
+STREAMS = [speech_frames(N_FRAMES, seed=SEED + k) for k in range(N_THREADS)]
 
 
 def words(arrays):
