@@ -11,8 +11,8 @@ N_FRAMES = 320
 
 # Score tolerance. A single-precision stand-in for the engine (the front end
 # the engine's way with float32 FFTs and a running energy, then the network
-# in float32) stays within 1.2e-5 of the reference scores for seeds 1..3
-# (weights drawn at similar scales before the package's writer served here).
+# in float32) stayed within 1.2e-5 of the reference scores for seeds 1..3 of
+# the reference's former writer (weights at similar scales).
 # The engine accumulates its products sequentially with FMA over up to 576
 # inputs where the stand-in uses blocked sums; allowing ~16x for that gives
 # 2e-4. The decoder uses the library exp and log, so nothing coarser enters.
