@@ -10,6 +10,12 @@ import numpy as np
 SEED = int(os.environ.get("CORVINA_TEST_SEED", "20261121"))
 
 
+def bits(result):
+    """A result (an array, or a tuple or list of them) as raw bytes, to compare bit for bit."""
+    arrays = result if isinstance(result, (tuple, list)) else [result]
+    return b"".join(np.ascontiguousarray(a).tobytes() for a in arrays)
+
+
 class Chain:
     """One stream through the three models of a ModelSet with contexts of
     its own: 160 samples in, 240 out. The last frame's phone features,

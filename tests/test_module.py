@@ -14,6 +14,7 @@ import pytest
 import corvina
 import corvina_tools
 from corvina_tools.speech import speech_frames
+from signals import bits
 from test_threads import _refusal_while_busy
 
 TYPES = {"phone": (corvina.PhoneExtractor, corvina.PhoneContext),
@@ -42,11 +43,6 @@ def frame(kind, n=None, seed=0):
     n = 1 if n is None else n
     return [rng.standard_normal((n, 256)).astype(np.float32), rng.integers(0, 384, n).astype(np.int32),
             rng.standard_normal((n, 4)).astype(np.float32), (0.3 * rng.standard_normal((n, 256))).astype(np.float32)]
-
-
-def bits(result):
-    """A result (an array, or the pitch estimator's pair) as raw bytes."""
-    return b"".join(np.ascontiguousarray(a).tobytes() for a in (result if isinstance(result, tuple) else (result,)))
 
 
 class Refuses:
