@@ -4,7 +4,7 @@ after frame as a host runs them, then the native benchmark (bench_chain, the
 active kernel set alone, no batch) on the same parameter files; the two take
 turns for a few rounds, so a change in machine load hits both alike. Prints
 each round's medians and their ratio (Python over native). Weights are random,
-from the test references' writers.
+from write_test_model.
 
     python3 bench/bench_chain.py [--build DIR] [--frames N] [--rounds R]
 
@@ -62,21 +62,20 @@ def main():
     if not os.path.exists(native):
         sys.exit(f"no native benchmark at {native}: build the bench_chain target there")
     sys.path.insert(0, build)
-    sys.path.insert(0, os.path.join(ROOT, "tests"))
+    sys.path.insert(0, os.path.join(ROOT, "python"))
     import corvina
-    from reference import phone, pitch, waveform
-    from signals import frames, speech_like
+    from corvina_tools import write_test_model
+    from corvina_tools.speech import speech_frames
 
     kernel_set = corvina._KERNEL_SET
-    rows = frames(speech_like(WARM_UP + args.frames, seed=1))
+    rows = speech_frames(WARM_UP + args.frames, seed=1)
     speaker = (0.3 * np.random.default_rng(1).standard_normal((1, 256))).astype(np.float32)
     print(f"corvina chain, one stream: Python calls against native bench_chain, kernel set {kernel_set}, "
           f"{args.frames} frames per side and round after {WARM_UP} warm-up frames")
     with tempfile.TemporaryDirectory() as folder:
-        paths = {}
-        for name, reference in (("phone", phone), ("pitch", pitch), ("generator", waveform)):
-            paths[name] = os.path.join(folder, name + ".bin")
-            reference.write_parameters(reference.random_parameters(1), paths[name])
+        write_test_model(folder, seed=1)
+        paths = {name: os.path.join(folder, f"{file}.bin") for name, file in (
+            ("phone", "phone_extractor"), ("pitch", "pitch_estimator"), ("generator", "waveform_generator"))}
         ratios = []
         print("| round | Python median us | native median us | Python / native |\n|---:|---:|---:|---:|")
         for r in range(args.rounds):

@@ -1,7 +1,6 @@
 """Phone extractor speed through the Python call: microseconds per 10 ms frame
 (median and 99th percentile over 2000 frames after 200 warm-up frames) and the
-real-time factor 10 ms / median. Weights are random, from the test reference's
-writer.
+real-time factor 10 ms / median. Weights are random, from write_test_model.
 
     python3 bench/bench_phone.py [build-dir]      (default build/phone)
 """
@@ -14,23 +13,19 @@ import numpy as np
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 sys.path.insert(0, os.path.abspath(sys.argv[1] if len(sys.argv) > 1 else os.path.join(ROOT, "build", "phone")))
-sys.path.insert(0, os.path.join(ROOT, "tests"))
+sys.path.insert(0, os.path.join(ROOT, "python"))
 
-import corvina  # noqa: E402
-from reference import phone  # noqa: E402
-from signals import frames, speech_like  # noqa: E402
+from corvina_tools import ModelSet, write_test_model  # noqa: E402
+from corvina_tools.speech import speech_frames  # noqa: E402
 
 WARM_UP, FRAMES = 200, 2000
 
 
 def main():
     with tempfile.TemporaryDirectory() as d:
-        path = os.path.join(d, "phone.bin")
-        phone.write_parameters(phone.random_parameters(1), path)
-        model = corvina.PhoneExtractor()
-        model.read_parameters(path)
+        model = ModelSet.load(write_test_model(d, seed=1)).phone
     context = model.new_context(1)
-    rows = frames(speech_like(WARM_UP + FRAMES, seed=1))
+    rows = speech_frames(WARM_UP + FRAMES, seed=1)
     micros = []
     for i, x in enumerate(rows):
         start = time.perf_counter_ns()

@@ -1,28 +1,23 @@
 """Per-frame cost of PitchEstimator.__call__ from Python, one thread.
 
-    PYTHONPATH=build/pitch:tests python3 bench/bench_pitch.py
+    PYTHONPATH=build/pitch:python python3 bench/bench_pitch.py
 """
 import tempfile
 import time
-from pathlib import Path
 
 import numpy as np
 
-import corvina
-from reference import pitch
-from signals import frames, speech_like
+from corvina_tools import ModelSet, write_test_model
+from corvina_tools.speech import speech_frames
 
 WARM_UP, FRAMES = 200, 3000
 
 
 def main():
     with tempfile.TemporaryDirectory() as directory:
-        path = Path(directory) / "pitch.bin"
-        pitch.write_parameters(pitch.random_parameters(1), path)
-        model = corvina.PitchEstimator()
-        model.read_parameters(str(path))
+        model = ModelSet.load(write_test_model(directory, seed=1)).pitch
     context = model.new_context(1)
-    rows = frames(speech_like(WARM_UP + FRAMES, seed=1))
+    rows = speech_frames(WARM_UP + FRAMES, seed=1)
     times = []
     for i, row in enumerate(rows):
         start = time.perf_counter_ns()

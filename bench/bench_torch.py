@@ -9,7 +9,7 @@ How to run (PyTorch is not a project dependency and CI never runs this):
     python3 bench/bench_torch.py --build build/torch --frames 500 --json torch_bench.json
 
 One thread throughout: torch.set_num_threads(1), eager mode under
-torch.inference_mode(). Weights are random, from the test reference's writers.
+torch.inference_mode(). Weights are random, from write_test_model.
 Every model gets the same inputs in all three forms: the generator is fed the
 engine's phone features and pitch outputs, so each comparison isolates one
 network (PyTorch's own upstream outputs would cost the same time).
@@ -37,14 +37,15 @@ import numpy as np
 import torch
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-sys.path[:0] = [os.path.join(ROOT, "tests"), os.path.dirname(os.path.abspath(__file__))]
+sys.path[:0] = [os.path.join(ROOT, "python"), os.path.dirname(os.path.abspath(__file__))]
 
 from corvina_tools.training import PhoneExtractor, PitchEstimator, WaveformGenerator, load_parameters  # noqa: E402
 from corvina_tools.training.layers import CausalConv1d  # noqa: E402
-from reference import phone, pitch, waveform  # noqa: E402
-from signals import frames, speech_like  # noqa: E402
+from corvina_tools.speech import speech_frames  # noqa: E402
+from corvina_tools.test_model import write_test_model  # noqa: E402
 KINDS = {"phone": "PhoneExtractor", "pitch": "PitchEstimator", "waveform": "WaveformGenerator"}
 MODELS = tuple(KINDS)
+FILES = {"phone": "phone_extractor.bin", "pitch": "pitch_estimator.bin", "waveform": "waveform_generator.bin"}
 FORMS = ("engine", "torch_frame_by_frame", "torch_frame_by_frame_matmul_convs", "torch_whole_file")
 OUTPUTS = ("phone", "bins", "pitch", "waveform")   # pitch: the 4 pitch features
 FRAME_US = 10000.0
@@ -74,12 +75,11 @@ NETWORKS = {"PhoneExtractor": PhoneExtractor, "PitchEstimator": PitchEstimator,
 
 
 def load_models(corvina, seed, folder):
-    """Engine and PyTorch models of each kind, on one random parameter file each."""
-    references = {"phone": phone, "pitch": pitch, "waveform": waveform}
+    """Engine and PyTorch models of each kind, on the files of one random model."""
+    write_test_model(folder, seed)
     engine, torch_nets = {}, {}
     for name, kind in KINDS.items():
-        path = os.path.join(folder, name + ".bin")
-        references[name].write_parameters(references[name].random_parameters(seed), path)
+        path = os.path.join(folder, FILES[name])
         engine[name] = getattr(corvina, kind)()
         engine[name].read_parameters(path)
         torch_nets[name] = load_parameters(NETWORKS[kind](), path).requires_grad_(False).eval()
@@ -203,8 +203,8 @@ def print_agreement(label, agree):
 def measure(engine, nets, signal, speaker, rounds, warm_up):
     """Every form `rounds` times after a warm-up on other frames and state:
     the last round's outputs and each round's per-frame times, by form."""
-    rows = frames(signal)
-    warm = frames(speech_like(warm_up, seed=1000))
+    rows = signal.reshape(-1, 160)
+    warm = speech_frames(warm_up, seed=1000)
     streamed = (("torch_frame_by_frame", False), ("torch_frame_by_frame_matmul_convs", True))
     times = {form: [] for form in FORMS}
     with torch.inference_mode():
@@ -244,7 +244,7 @@ def main():
 
     with tempfile.TemporaryDirectory() as folder:
         engine, nets = load_models(corvina, args.seed, folder)
-    signal = speech_like(args.frames, seed=args.seed)
+    signal = speech_frames(args.frames, seed=args.seed).ravel()
     speaker = (0.3 * np.random.default_rng(args.seed).standard_normal((1, 256))).astype(np.float32)
     load = {"before": os.getloadavg()}
     outputs, rounds = measure(engine, nets, signal, speaker, args.rounds, args.warm_up)

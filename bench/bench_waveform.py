@@ -1,7 +1,7 @@
 """Waveform generator speed through the Python call, its inputs from the
 phone extractor and pitch estimator: microseconds per 10 ms frame (median and
 99th percentile over 2000 frames after 200 warm-up frames) and the real-time
-factor 10 ms / median. Weights are random, from the test references' writers;
+factor 10 ms / median. Weights are random, from write_test_model;
 the same files are then handed to the native benchmark (bench_waveform) for
 the engine's figures and per-stage shares. The whole chain through Python
 against the native chain: bench_chain.py.
@@ -19,11 +19,10 @@ import numpy as np
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 BUILD = os.path.abspath(sys.argv[1] if len(sys.argv) > 1 else os.path.join(ROOT, "build", "waveform"))
 sys.path.insert(0, BUILD)
-sys.path.insert(0, os.path.join(ROOT, "tests"))
+sys.path.insert(0, os.path.join(ROOT, "python"))
 
-import corvina  # noqa: E402
-from reference import phone, pitch, waveform  # noqa: E402
-from signals import frames, speech_like  # noqa: E402
+from corvina_tools import ModelSet, write_test_model  # noqa: E402
+from corvina_tools.speech import speech_frames  # noqa: E402
 
 WARM_UP, FRAMES = 200, 2000
 
@@ -37,17 +36,12 @@ def report(what, micros):
 
 def main():
     with tempfile.TemporaryDirectory() as folder:
-        paths = {}
-        for name, reference in (("generator", waveform), ("phone", phone), ("pitch", pitch)):
-            paths[name] = os.path.join(folder, name + ".bin")
-            reference.write_parameters(reference.random_parameters(1), paths[name])
-        generator, extractor, estimator = (corvina.WaveformGenerator(), corvina.PhoneExtractor(),
-                                           corvina.PitchEstimator())
-        generator.read_parameters(paths["generator"])
-        extractor.read_parameters(paths["phone"])
-        estimator.read_parameters(paths["pitch"])
+        models = ModelSet.load(write_test_model(folder, seed=1))
+        generator, extractor, estimator = models.waveform, models.phone, models.pitch
+        paths = {name: os.path.join(folder, f"{file}.bin") for name, file in (
+            ("generator", "waveform_generator"), ("phone", "phone_extractor"), ("pitch", "pitch_estimator"))}
 
-        rows = frames(speech_like(WARM_UP + FRAMES, seed=1))
+        rows = speech_frames(WARM_UP + FRAMES, seed=1)
         speaker = (0.3 * np.random.default_rng(1).standard_normal((1, 256))).astype(np.float32)
         phone_context, pitch_context = extractor.new_context(1), estimator.new_context(1)
         conditioning = [(extractor(x, phone_context), *estimator(x, pitch_context)) for x in rows]

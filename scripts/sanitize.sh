@@ -7,8 +7,8 @@
 #    against that build. The interpreter is not instrumented, so the ASan
 #    runtime is preloaded into it and leak checking stays with the native
 #    tests (the interpreter keeps memory until exit by design).
-# 2. ThreadSanitizer: the threaded native test (the whole chain on shared
-#    models) and the Python thread tests with an instrumented module. TSan
+# 2. ThreadSanitizer: the Python thread tests (the whole chain on shared
+#    models, through the C interface) with an instrumented module. TSan
 #    sees the interpreter lock through the pthread calls it intercepts and
 #    tracks only the instrumented module's memory accesses, so the
 #    uninstrumented interpreter needs no suppressions.
@@ -63,10 +63,7 @@ asan() {
 }
 
 tsan() {
-  timed "tsan build" build build/tsan thread test_engine_threads corvina_python
-  # Run where ctest would: it writes its parameter files beside itself.
-  TSAN_OPTIONS=halt_on_error=1 timed "tsan native threads" ctest --test-dir build/tsan -R '^test_engine_threads$' \
-    --output-on-failure
+  timed "tsan build" build build/tsan thread corvina_python
   LD_PRELOAD="$(runtime libtsan.so)" TSAN_OPTIONS=halt_on_error=1 \
     PYTHONPATH="build/tsan:python:tests" timed "tsan pytest" python -m pytest $pytest_options tests/test_threads.py
 }

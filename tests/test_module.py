@@ -1,9 +1,11 @@
-"""The module's public surface and the rules of its calls: every documented
-error message once, checks before any state changes, the context guard
-before anything else, object lifecycle. Conversions of every kind of input
-are fuzzed in test_fuzz_python.py; the results themselves are compared with
-the references."""
+"""The module's public surface and the rules of its calls, one frame and
+batches alike: every documented error message once, checks before any state
+changes, the context guard before anything else, batches bit for bit what
+each stream's own calls give, object lifecycle. Conversions of every kind of
+input are fuzzed in test_fuzz_python.py; the results themselves are compared
+with the references."""
 import gc
+import re
 import resource
 
 import numpy as np
@@ -11,6 +13,9 @@ import pytest
 
 import corvina
 import corvina_tools
+from corvina_tools.speech import speech_frames
+from signals import bits
+from test_threads import _refusal_while_busy
 
 TYPES = {"phone": (corvina.PhoneExtractor, corvina.PhoneContext),
          "pitch": (corvina.PitchEstimator, corvina.PitchContext),
@@ -29,18 +34,15 @@ def test_public_surface():
         "PITCH_BINS_PER_OCTAVE": 96}
 
 
-def frame(kind, seed=0):
-    """Good arguments for one frame of `kind`, the context left out."""
+def frame(kind, n=None, seed=0):
+    """Good arguments of `kind` for one frame (n None) or a batch of n
+    streams, the contexts left out."""
     rng = np.random.default_rng(seed)
     if kind != "waveform":
-        return [rng.uniform(-0.5, 0.5, 160).astype(np.float32)]
-    return [rng.standard_normal((1, 256)).astype(np.float32), rng.integers(0, 384, 1).astype(np.int32),
-            rng.standard_normal((1, 4)).astype(np.float32), (0.3 * rng.standard_normal((1, 256))).astype(np.float32)]
-
-
-def bits(result):
-    """A result (an array, or the pitch estimator's pair) as raw bytes."""
-    return b"".join(np.ascontiguousarray(a).tobytes() for a in (result if isinstance(result, tuple) else (result,)))
+        return [rng.uniform(-0.5, 0.5, 160 if n is None else (n, 160)).astype(np.float32)]
+    n = 1 if n is None else n
+    return [rng.standard_normal((n, 256)).astype(np.float32), rng.integers(0, 384, n).astype(np.int32),
+            rng.standard_normal((n, 4)).astype(np.float32), (0.3 * rng.standard_normal((n, 256))).astype(np.float32)]
 
 
 class Refuses:
@@ -65,32 +67,45 @@ def test_results_and_keywords(models):
 
 
 HOP = "len(input) != length * IN_HOP_LENGTH"
-ERRORS = [  # kind, argument, value, message
-    ("phone", 0, np.zeros(159), HOP),
-    ("pitch", 0, np.zeros(161), HOP),
-    ("waveform", 0, np.zeros((2, 256)), "len(phone) != length"),
-    ("waveform", 0, np.zeros((1, 255)), "phone.shape[1] != PHONE_CHANNELS"),
-    ("waveform", 1, np.zeros(2, np.int32), "len(quantized_pitch) != length"),
-    ("waveform", 2, np.zeros((0, 4)), "len(pitch_features) != length"),
-    ("waveform", 2, np.zeros((1, 3)), "pitch_features.shape[1] != 4"),
-    ("waveform", 3, np.zeros((2, 256)), "len(speaker_embeddings) != length"),
-    ("waveform", 3, np.zeros((1, 257)), "speaker_embeddings.shape[1] != WAVEFORM_GENERATOR_HIDDEN_CHANNELS"),
-    ("waveform", 1, np.array([384]), "quantized_pitch not in range(PITCH_BINS)"),
-    ("waveform", 1, np.array([-1]), "quantized_pitch not in range(PITCH_BINS)"),
+ERRORS = [  # batch size (None: one frame), kind, argument, value, message
+    (None, "phone", 0, np.zeros(159), HOP),
+    (None, "pitch", 0, np.zeros(161), HOP),
+    (None, "waveform", 0, np.zeros((2, 256)), "len(phone) != length"),
+    (None, "waveform", 0, np.zeros((1, 255)), "phone.shape[1] != PHONE_CHANNELS"),
+    (None, "waveform", 1, np.zeros(2, np.int32), "len(quantized_pitch) != length"),
+    (None, "waveform", 2, np.zeros((0, 4)), "len(pitch_features) != length"),
+    (None, "waveform", 2, np.zeros((1, 3)), "pitch_features.shape[1] != 4"),
+    (None, "waveform", 3, np.zeros((2, 256)), "len(speaker_embeddings) != length"),
+    (None, "waveform", 3, np.zeros((1, 257)), "speaker_embeddings.shape[1] != WAVEFORM_GENERATOR_HIDDEN_CHANNELS"),
+    (None, "waveform", 1, np.array([384]), "quantized_pitch not in range(PITCH_BINS)"),
+    (None, "waveform", 1, np.array([-1]), "quantized_pitch not in range(PITCH_BINS)"),
+    (3, "phone", 0, np.zeros((3, 159)), "input.shape[1] != IN_HOP_LENGTH"),
+    (3, "phone", 0, np.zeros((2, 160)), "len(contexts) != len(input)"),
+    (3, "pitch", 0, np.zeros((4, 160)), "len(contexts) != len(input)"),
+    (3, "pitch", 0, np.zeros((3, 320)), "input.shape[1] != IN_HOP_LENGTH"),
+    (3, "waveform", 0, np.zeros((2, 256)), "len(contexts) != len(phone)"),
+    (3, "waveform", 0, np.zeros((3, 255)), "phone.shape[1] != PHONE_CHANNELS"),
+    (3, "waveform", 1, np.zeros(4, np.int32), "len(contexts) != len(quantized_pitch)"),
+    (3, "waveform", 2, np.zeros((2, 4)), "len(contexts) != len(pitch_features)"),
+    (3, "waveform", 2, np.zeros((3, 3)), "pitch_features.shape[1] != 4"),
+    (3, "waveform", 3, np.zeros((4, 256)), "len(contexts) != len(speaker_embeddings)"),
+    (3, "waveform", 3, np.zeros((3, 257)), "speaker_embeddings.shape[1] != WAVEFORM_GENERATOR_HIDDEN_CHANNELS"),
+    (3, "waveform", 1, [0, 384, 5], "quantized_pitch not in range(PITCH_BINS)"),
+    (3, "waveform", 1, [5, 0, -1], "quantized_pitch not in range(PITCH_BINS)"),
 ]
 
 
-@pytest.mark.parametrize("kind, position, value, message", ERRORS)
-def test_refused_frames_name_their_rule_and_leave_the_stream_untouched(models, kind, position, value, message):
-    model, args = getattr(models, kind), frame(kind)
-    context = model.new_context(1)
+@pytest.mark.parametrize("n, kind, position, value, message", ERRORS)
+def test_refused_frames_name_their_rule_and_leave_the_streams_untouched(models, n, kind, position, value, message):
+    model, args = getattr(models, kind), frame(kind, n)
+    contexts, fresh = ([model.new_context(1) for _ in range(n or 1)] for _ in range(2))
+    call = (lambda a, c: model(*a, c[0])) if n is None else (lambda a, c: model.batch(*a, c))  # noqa: E731
     bad = list(args)
     bad[position] = value
-    with pytest.raises(ValueError) as caught:
-        model(*bad, context)
-    assert str(caught.value) == message
-    # Nothing ran: the context still gives a fresh stream's first frame.
-    assert bits(model(*args, context)) == bits(model(*args, model.new_context(1)))
+    with pytest.raises(ValueError, match=f"^{re.escape(message)}$"):
+        call(bad, contexts)
+    # Nothing ran: the contexts still give a fresh stream's first frame.
+    assert bits(call(args, contexts)) == bits(call(args, fresh))
 
 
 def test_waveform_converts_in_order_then_checks_in_order(models):
@@ -126,13 +141,68 @@ def test_context_rules_come_before_the_input_is_looked_at(models, kind):
     for unusable in (context_type(0), context_type(2), Lazy()):
         with pytest.raises(ValueError, match=r"^length != 1$"):
             model(*map(Refuses, args), unusable)
-    for other in (TYPES["pitch" if kind == "phone" else "phone"][1](1), None, model, 1):
+    other = TYPES["pitch" if kind == "phone" else "phone"][1](1)
+    for wrong in (other, None, model, 1):
         with pytest.raises(TypeError):
-            model(*args, other)
+            model(*args, wrong)
     for call in (lambda: model(*args), lambda: model(*args, model.new_context(1), 1),
                  lambda: model(*args, context=model.new_context(1), frames=1)):
         with pytest.raises(TypeError):
             call()
+    # A batch: every context checked, none given twice.
+    own = [model.new_context(1) for _ in range(3)]
+    for contexts, error, message in [(own[:1] + [other] + own[2:], TypeError, r"^contexts\[1\] must be corvina\."),
+                                     (own[:1] + [None] + own[2:], TypeError, r"^contexts\[1\] must be corvina\."),
+                                     (3, TypeError, None), (own[:2] + [context_type(2)], ValueError, "^length != 1$"),
+                                     (own[:2] + own[:1], ValueError, "^contexts are not distinct$")]:
+        with pytest.raises(error, match=message):
+            model.batch(*frame(kind, 3), contexts)
+
+
+def test_batches_match_separate_streams_as_streams_join_and_leave(models):
+    """A stream takes its next frame whenever it is in the batch; batches come
+    in any order, all streams at first, then none, then random subsets."""
+    n_streams, n_frames, seed = 5, 50, 31
+    extractor, estimator, generator = models.phone, models.pitch, models.waveform
+    rng = np.random.default_rng(seed)
+    signals = [speech_frames(n_frames, seed=seed + k) for k in range(n_streams)]
+    speakers = (0.3 * rng.standard_normal((n_streams, 256))).astype(np.float32)
+    active = rng.random((n_frames, n_streams)) < 0.6
+    active[:3], active[3] = True, False
+    single, batched = ([[m.new_context(1) for m in (extractor, estimator, generator)] for _ in range(n_streams)]
+                       for _ in range(2))
+    position = [0] * n_streams
+    for f in range(n_frames):
+        members = rng.permutation(np.flatnonzero(active[f]))
+        x = np.array([signals[k][position[k]] for k in members], np.float32).reshape(-1, 160)
+        contexts = [[batched[k][m] for k in members] for m in range(3)]
+        features = extractor.batch(x, contexts[0])
+        bins, pitch_features = estimator.batch(x.astype(np.float64), contexts[1])  # any numeric input is cast
+        out = generator.batch(features, bins, pitch_features, speakers[members], contexts[2])
+        assert bins.dtype == np.int32 and out.dtype == np.float32 and out.shape == (len(members), 240)
+        for row, k in enumerate(members):
+            own = single[k]
+            f_k = extractor(x[row], own[0])
+            b_k, p_k = estimator(x[row], own[1])
+            expected = (f_k, b_k, p_k, generator(f_k, b_k, p_k, speakers[k:k + 1], own[2])[None])
+            got = (features, bins, pitch_features, out)
+            for name, e, g in zip(("phone", "pitch bin", "pitch features", "waveform"), expected, got):
+                assert np.array_equal(g[row:row + 1], e), f"seed {seed}, frame {f}, stream {k}: {name} differs"
+            position[k] += 1
+    assert min(position) > 10, f"seed {seed}: a stream barely ran"
+
+
+def test_empty_batches_and_contexts_in_use_elsewhere(models):
+    assert models.phone.batch(np.zeros((0, 160)), []).shape == (0, 256)
+    bins, features = models.pitch.batch(np.zeros((0, 160)), ())
+    assert bins.shape == (0,) and bins.dtype == np.int32 and features.shape == (0, 4)
+    assert models.waveform.batch(*frame("waveform", 0), []).shape == (0, 240)
+    contexts = [models.phone.new_context(1) for _ in range(3)]
+    x = frame("phone", 3)[0]
+    message = _refusal_while_busy(models.phone, lambda: models.phone.batch(x, contexts), contexts[1])
+    assert message == "context is in use by another call"
+    # The claim on contexts[0], taken before the refusal, was released with it.
+    assert models.phone.batch(x, contexts).shape == (3, 256)
 
 
 @pytest.mark.parametrize("kind", TYPES)

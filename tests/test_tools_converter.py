@@ -122,17 +122,23 @@ def test_latency_bounds_what_the_converter_holds_back(in_rate, out_rate):
         assert latency.samples == 240                   # one frame, nothing else
 
 
-def test_non_finite_input_is_silenced_and_counted(models):
+def test_non_finite_input_is_silenced_and_counted_and_reset_recovers(models):
+    """NaN and inf samples are silenced before the models; a finite but absurd
+    level still overflows inside them and poisons the stream until reset()."""
     x = speech_like(0.5, 16000, seed=6)
     poisoned = x.copy()
     poisoned[[100, 2000, 2001, 5000]] = [np.nan, np.inf, -np.inf, np.nan]
     clean = x.copy()
     clean[[100, 2000, 2001, 5000]] = 0.0
     converter = Converter(models)
+    converter.process(np.full(1600, 3e38, np.float32))
+    assert np.isnan(converter.process(clean)).any()
+    converter.reset()
     out = convert_in_blocks(converter, poisoned, [1000] * 7)
-    assert converter.nonfinite_samples == 4
-    assert np.isfinite(out).all()
+    assert converter.nonfinite_samples == 4 and np.isfinite(out).all()
     np.testing.assert_array_equal(out, convert_in_blocks(Converter(models), clean, []))
+    converter.reset()
+    assert converter.nonfinite_samples == 0
 
 
 def test_integer_pcm_is_scaled_before_the_downmix():

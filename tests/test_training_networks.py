@@ -7,10 +7,11 @@ import pytest
 
 torch = pytest.importorskip("torch")
 
-import corvina  # noqa: E402
+from corvina_tools import ModelSet  # noqa: E402
 from corvina_tools.training import (ExportError, PhoneExtractor, PitchEstimator, WaveformGenerator,  # noqa: E402
                                     load_parameters, save_parameters, write_model_directory)
-from signals import speech_like  # noqa: E402
+from corvina_tools.speech import speech_like  # noqa: E402
+from signals import Chain  # noqa: E402
 
 FRAMES = 200
 
@@ -33,9 +34,9 @@ def exported(tmp_path_factory):
     frame-by-frame outputs on the exported files."""
     folder = tmp_path_factory.mktemp("export")
     torch.manual_seed(3)
-    x = speech_like(FRAMES, seed=4)
+    x = speech_like(FRAMES / 100, seed=4)
     samples = torch.from_numpy(x)[None]
-    batch = torch.from_numpy(np.stack([speech_like(30, seed=s) for s in (5, 6)]))
+    batch = torch.from_numpy(np.stack([speech_like(0.3, seed=s) for s in (5, 6)]))
     phone = trained_a_little(PhoneExtractor(), lambda net: net(batch))
     pitch = trained_a_little(PitchEstimator(), lambda net: net.scores(batch)[0])
     speaker = torch.randn(1, 256) * 0.3
@@ -44,22 +45,12 @@ def exported(tmp_path_factory):
     write_model_directory(folder, phone, pitch, generator, speaker)
     for net, name in ((phone, "phone_extractor"), (pitch, "pitch_estimator"), (generator, "waveform_generator")):
         load_parameters(net, folder / f"{name}.bin")     # the half-precision weights the engine runs
-    engine = {cls: getattr(corvina, cls)() for cls in ("PhoneExtractor", "PitchEstimator", "WaveformGenerator")}
-    for cls, name in zip(engine, ("phone_extractor", "pitch_estimator", "waveform_generator")):
-        engine[cls].read_parameters(str(folder / f"{name}.bin"))
-    contexts = {cls: model.new_context(1) for cls, model in engine.items()}
-    out = {"phone": [], "bins": [], "pitch_features": [], "samples": []}
+    chain, out = Chain(ModelSet.load(folder)), {"phone": [], "bins": [], "pitch_features": [], "samples": []}
     for frame in x.reshape(FRAMES, 160):
-        out["phone"].append(engine["PhoneExtractor"](frame, contexts["PhoneExtractor"]))
-        b, pf = engine["PitchEstimator"](frame, contexts["PitchEstimator"])
-        out["bins"].append(b)
-        out["pitch_features"].append(pf)
-    out = {k: np.concatenate(v) for k, v in out.items() if v}
-    for i in range(FRAMES):
-        out.setdefault("samples", []).append(engine["WaveformGenerator"](
-            out["phone"][i:i + 1], out["bins"][i:i + 1], out["pitch_features"][i:i + 1],
-            speaker.numpy().astype(np.float16).astype(np.float32), contexts["WaveformGenerator"]))
-    out["samples"] = np.stack(out["samples"])
+        y = chain(frame)
+        for key, value in zip(out, (*chain.last, y[None])):
+            out[key].append(value)
+    out = {k: np.concatenate(v) for k, v in out.items()}
     return dict(phone=phone, pitch=pitch, generator=generator, speaker=speaker, samples=samples,
                 engine=out, folder=folder)
 

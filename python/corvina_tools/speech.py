@@ -34,14 +34,15 @@ def resonate(x, freq, bandwidth, rate):
     return y
 
 
-def speech_like(seconds=3.0, rate=16000, seed=0, vowels="aiueoai"):
-    """A float32 signal, voiced parts at about 0.1 RMS: syllables on a falling
-    intonation with vibrato, a fricative-like burst and a short pause between
-    them."""
+def speech_like(seconds=3.0, rate=16000, seed=0, vowels="aiueoai", pitch=(180.0, 90.0)):
+    """A float32 signal, voiced parts at about 0.1 RMS: syllables on an
+    intonation gliding from pitch[0] to pitch[1] Hz with vibrato, a
+    fricative-like burst and a short pause between them."""
     rng = np.random.default_rng(seed)
-    n = int(seconds * rate)
+    n = round(seconds * rate)
     t = np.arange(n) / rate
-    f0 = 180 * (0.75 + 0.25 * np.cos(np.pi * t / seconds)) * (1 + 0.015 * np.sin(2 * np.pi * 5 * t))
+    glide = pitch[1] + (pitch[0] - pitch[1]) * (0.5 + 0.5 * np.cos(np.pi * t / seconds))
+    f0 = glide * (1 + 0.015 * np.sin(2 * np.pi * 5 * t))
     source = glottal_pulses(f0, rate) + 0.002 * rng.standard_normal(n)
     # Formant tracks glide between the vowels of successive syllables.
     syllable = np.linspace(0, len(vowels) - 1, n)
@@ -54,3 +55,8 @@ def speech_like(seconds=3.0, rate=16000, seed=0, vowels="aiueoai"):
     noise = np.diff(rng.standard_normal(n), prepend=0.0) * 0.015 * fricative    # high-frequency hiss
     x = 0.1 * voiced / voiced.std() * envelope + noise
     return (x * min(1.0, 0.9 / np.max(np.abs(x)))).astype(np.float32)
+
+
+def speech_frames(n_frames, seed=0, **options):
+    """speech_like at 16 kHz as n_frames rows of 160 samples, the models' frames."""
+    return speech_like(n_frames / 100, 16000, seed, **options).reshape(n_frames, 160)

@@ -1,9 +1,14 @@
 // The pitch decoder on crafted scores: bin 0 kept apart, tie rules, and the
-// octave gates at windows 96/97 and 240/241.
+// octave gates at windows 96/97 and 240/241; and the rounding corner of the
+// front end's running-energy form. (The front end's FFT correlation, lag
+// features and loudness are compared with the float64 reference, which sums
+// directly.)
 #include <cmath>
 #include <random>
+#include <vector>
 
 #include "pitch/pitch_decoder.h"
+#include "pitch/spectral_front_end.h"
 #include "tests/native/check.h"
 
 namespace {
@@ -75,6 +80,17 @@ TEST(octave_ratios_and_their_gates) {
     CHECK_MSG(std::fabs(d.lower_ratio - lower) <= 2e-5f * lower, "case %d: lower %g", c.window, d.lower_ratio);
     CHECK_MSG(std::fabs(d.upper_ratio - upper) <= 2e-5f * upper, "case %d: upper %g", c.window, d.upper_ratio);
   }
+}
+
+// A constant makes every lagged difference exactly 0: rounding may push d
+// below 0, which must give 0, not NaN.
+TEST(constant_signal_gives_zero_lag_features_not_nan) {
+  corvina::PitchFrontEndState state{};
+  const std::vector<float> constant(5 * CORVINA_IN_HOP_LENGTH, 0.3f);
+  for (int f = 0; f < 5; ++f) corvina::SpectralFrontEnd(&constant[f * CORVINA_IN_HOP_LENGTH], &state);
+  int bad = 0;
+  for (float v : state.lag) bad += !(v >= 0.0f && v < 1e-3f);
+  CHECK_MSG(bad == 0, "%d lag features negative, NaN or large", bad);
 }
 
 }  // namespace

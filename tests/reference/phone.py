@@ -10,13 +10,8 @@ import numpy as np
 
 HOP = 160
 CHANNELS = 256
-GATES = 3 * CHANNELS
 RESIDUAL_BLOCKS = 8
 RECURRENT_LAYERS = 3
-CAUSAL_TAPS = 7
-DEPTHWISE_TAPS = 17
-# Front-end convolutions 2..5: (input, output) channels, kernel 3, stride 2.
-STRIDED = [(32, 64), (64, 128), (128, 256), (256, 256)]
 # Single-precision constants of the activations and norms, widened.
 NORM_EPS = float(np.float32(1e-5))
 GELU_C = float(np.float32(0.7978846))
@@ -31,76 +26,6 @@ FAULTS = (
     "reverse_depthwise_taps",   # kernel-17 taps meet frames newest-first
     "drop_front_carry",         # convs 2-5 forget the previous frame's position
 )
-
-
-def _tensor_list():
-    t = [("conv1.weight", (32, 10))]
-    for k, (cin, cout) in enumerate(STRIDED, start=2):
-        t.append((f"conv{k}.weight", (cout, cin, 3)))
-    t.append(("conv6.weight", (256, 256, 2)))
-    t += [("input_dense.weight", (256, 256)), ("input_dense.bias", (256,))]
-    for l in range(RECURRENT_LAYERS):
-        for side in ("input", "state"):
-            t += [(f"gru{l}.{side}.weight", (GATES, 256)), (f"gru{l}.{side}.bias", (GATES,))]
-    t += [("causal_conv.weight", (256, 256, CAUSAL_TAPS)), ("causal_conv.bias", (256,)),
-          ("causal_norm.scale", (256,)), ("causal_norm.shift", (256,))]
-    for k in range(RESIDUAL_BLOCKS):
-        t += [(f"res{k}.depthwise.weight", (256, DEPTHWISE_TAPS)), (f"res{k}.depthwise.bias", (256,)),
-              (f"res{k}.pointwise1.weight", (GATES, 256)), (f"res{k}.pointwise1.bias", (GATES,)),
-              (f"res{k}.pointwise2.weight", (256, GATES)), (f"res{k}.pointwise2.bias", (256,))]
-    t += [("out_norm.scale", (256,)), ("out_norm.shift", (256,)),
-          ("output_dense.weight", (256, 256)), ("output_dense.bias", (256,))]
-    return t
-
-
-TENSORS = _tensor_list()
-FILE_BYTES = 2 * sum(int(np.prod(shape)) for _, shape in TENSORS)
-assert FILE_BYTES == 10847360, FILE_BYTES
-
-
-def _gain(layer):
-    if layer == "conv1":
-        return 6.0          # input samples are of order 0.1
-    if layer.startswith("conv"):
-        return 2.0          # GELU roughly halves the spread
-    if layer.endswith(".state"):
-        return 0.9          # keeps the recurrence contractive
-    if layer.endswith("pointwise2"):
-        return 0.7          # residual stream grows slowly over eight blocks
-    return 1.0
-
-
-def random_parameters(seed):
-    """Random float16 weights that keep activations of order one.
-
-    Matrices are scaled by gain/sqrt(fan_in); the gains were tuned so the
-    front end, gates and residual stack neither saturate nor die out.
-    """
-    rng = np.random.default_rng(seed)
-    p = {}
-    for name, shape in TENSORS:
-        layer, _, kind = name.rpartition(".")
-        if kind == "bias":
-            v = 0.1 * rng.standard_normal(shape)
-        elif kind == "scale":
-            v = 1.0 + 0.1 * rng.standard_normal(shape)
-        elif kind == "shift":
-            v = 0.1 * rng.standard_normal(shape)
-        else:
-            fan_in = int(np.prod(shape[1:]))
-            g = _gain(layer)
-            v = g / np.sqrt(fan_in) * rng.standard_normal(shape)
-        p[name] = v.astype(np.float16)
-    return p
-
-
-def write_parameters(params, path):
-    """Write the flat little-endian float16 file in tensor order."""
-    blob = b"".join(np.ascontiguousarray(params[n], dtype="<f2").reshape(s).tobytes()
-                    for n, s in TENSORS)
-    assert len(blob) == FILE_BYTES
-    with open(path, "wb") as f:
-        f.write(blob)
 
 
 def gelu(x):
@@ -144,10 +69,10 @@ def strided_conv(x, w, stride, pad):
 def front_end(params, signal, fault=None):
     """Samples [n*160] -> one 256-vector per frame, before normalisation."""
     s = np.asarray(signal, dtype=np.float64)
-    w1 = params["conv1.weight"][:, None, :]           # one input channel
+    w1 = params["front.0.weight"]                     # one input channel
     x = gelu(strided_conv(s[:, None], w1, stride=5, pad=5))
     for k in range(2, 6):
-        w = params[f"conv{k}.weight"]
+        w = params[f"front.{k - 1}.weight"]
         y = strided_conv(x, w, stride=2, pad=1)
         if fault == "drop_front_carry":
             # The first position of every later frame loses its tap 0 input.
@@ -155,7 +80,7 @@ def front_end(params, signal, fault=None):
             starts = np.arange(per_frame, len(y), per_frame)
             y[starts] -= x[2 * starts - 1] @ w[:, :, 0].T
         x = gelu(y)
-    return gelu(strided_conv(x, params["conv6.weight"], stride=2, pad=0))
+    return gelu(strided_conv(x, params["front.5.weight"], stride=2, pad=0))
 
 
 def gru_layer(v, wi, bi, wh, bh, fault=None):
@@ -187,14 +112,14 @@ def causal_conv(x, w, b):
 
 
 def residual_block(params, k, x, fault=None):
-    d = params[f"res{k}.depthwise.weight"]            # [256 ch, 17 taps]
+    d = params[f"blocks.{k}.depthwise.weight"][:, 0]  # [256 ch, 17 taps]
     if fault == "reverse_depthwise_taps":
         d = d[:, ::-1]
     taps = d.shape[1]
     xp = np.concatenate([np.zeros((taps - 1, CHANNELS)), x])
-    m = params[f"res{k}.depthwise.bias"] + sum(d[:, t] * xp[t:t + len(x)] for t in range(taps))
-    h = gelu(dense(normalise(m), params[f"res{k}.pointwise1.weight"], params[f"res{k}.pointwise1.bias"]))
-    return dense(h, params[f"res{k}.pointwise2.weight"], params[f"res{k}.pointwise2.bias"]) + x
+    m = params[f"blocks.{k}.depthwise.bias"] + sum(d[:, t] * xp[t:t + len(x)] for t in range(taps))
+    h = gelu(dense(normalise(m), params[f"blocks.{k}.pointwise1.weight"], params[f"blocks.{k}.pointwise1.bias"]))
+    return dense(h, params[f"blocks.{k}.pointwise2.weight"], params[f"blocks.{k}.pointwise2.bias"]) + x
 
 
 def extract_phone(params, signal, fault=None):
@@ -210,14 +135,14 @@ def extract_phone(params, signal, fault=None):
     u = dense(normalise(front_end(p, s, fault)), p["input_dense.weight"], p["input_dense.bias"])
     v = u
     for l in range(RECURRENT_LAYERS):
-        v = gru_layer(v, p[f"gru{l}.input.weight"], p[f"gru{l}.input.bias"],
-                      p[f"gru{l}.state.weight"], p[f"gru{l}.state.bias"], fault)
+        v = gru_layer(v, p[f"gru.weight_ih_l{l}"], p[f"gru.bias_ih_l{l}"],
+                      p[f"gru.weight_hh_l{l}"], p[f"gru.bias_hh_l{l}"], fault)
     u = u + v
     w = p["causal_conv.weight"]
     if fault == "reverse_causal_taps":
         w = w[:, :, ::-1]
-    x = normalise(causal_conv(u, w, p["causal_conv.bias"]), p["causal_norm.scale"], p["causal_norm.shift"])
+    x = normalise(causal_conv(u, w, p["causal_conv.bias"]), p["causal_norm.weight"], p["causal_norm.bias"])
     for k in range(RESIDUAL_BLOCKS):
         x = residual_block(p, k, x, fault)
-    x = gelu(normalise(x, p["out_norm.scale"], p["out_norm.shift"]))
+    x = gelu(normalise(x, p["out_norm.weight"], p["out_norm.bias"]))
     return dense(x, p["output_dense.weight"], p["output_dense.bias"])

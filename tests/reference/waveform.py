@@ -13,7 +13,6 @@ speaker (n, 256). Output: n * 240 samples at 24 kHz.
 import numpy as np
 
 HIDDEN = 256
-PITCH_BINS = 384
 HOP = 240
 STAGE1_CHANNELS, STAGE1_STEPS = 128, 5
 STAGE2_CHANNELS, STAGE2_STEPS = 64, 15
@@ -34,138 +33,6 @@ FAULTS = (
     "upsample1_carry_late",   # taps 5..9 land one sub-step later
     "overlap_emit_early",     # hop emitted before the current frame is added
 )
-
-
-def _stack_tensors(stage, channels):
-    out = []
-    for k in STACK_KERNELS:
-        for j in range(6):
-            name = f"stack{stage}.k{k}.conv{j}"
-            out += [(name + ".weight", (channels, channels, k)), (name + ".bias", (channels,))]
-    return out
-
-
-def _block_tensors(j):
-    p = f"block{j}."
-    return [
-        (p + "depthwise.weight", (HIDDEN, 17)), (p + "depthwise.bias", (HIDDEN,)),
-        (p + "pointwise1.weight", (3 * HIDDEN, HIDDEN)), (p + "pointwise1.bias", (3 * HIDDEN,)),
-        (p + "pointwise2.weight", (HIDDEN, 3 * HIDDEN)), (p + "pointwise2.bias", (HIDDEN,)),
-    ]
-
-
-TENSORS = (
-    [("phone_proj.weight", (HIDDEN, HIDDEN)), ("phone_proj.bias", (HIDDEN,)),
-     ("pitch_embedding", (PITCH_BINS, HIDDEN)),
-     ("pitch_feat_proj.weight", (HIDDEN, 4)), ("pitch_feat_proj.bias", (HIDDEN,)),
-     ("pre_conv.weight", (HIDDEN, HIDDEN, 7)), ("pre_conv.bias", (HIDDEN,)),
-     ("norm1.scale", (HIDDEN,)), ("norm1.shift", (HIDDEN,))]
-    + [t for j in range(4) for t in _block_tensors(j)]
-    + [("norm2.scale", (HIDDEN,)), ("norm2.shift", (HIDDEN,)),
-       ("post_conv.weight", (HIDDEN, HIDDEN, 7)), ("post_conv.bias", (HIDDEN,)),
-       ("upsample1.weight", (STAGE1_CHANNELS, HIDDEN, 10)), ("upsample1.bias", (STAGE1_CHANNELS,)),
-       ("upsample2.weight", (STAGE2_CHANNELS, STAGE1_CHANNELS, 6)), ("upsample2.bias", (STAGE2_CHANNELS,))]
-    + _stack_tensors(1, STAGE1_CHANNELS)
-    + _stack_tensors(2, STAGE2_CHANNELS)
-    + [("logmag.weight", (BANDS * BINS, STAGE2_CHANNELS, 7)), ("logmag.bias", (BANDS * BINS,)),
-       ("gru.input.weight", (3 * GRU_HIDDEN, STAGE2_CHANNELS)), ("gru.input.bias", (3 * GRU_HIDDEN,)),
-       ("gru.recurrent.weight", (3 * GRU_HIDDEN, GRU_HIDDEN)), ("gru.recurrent.bias", (3 * GRU_HIDDEN,)),
-       ("band_filter", (BANDS, MERGE_TAPS))]
-)
-FILE_BYTES = 2 * sum(int(np.prod(shape)) for _, shape in TENSORS)
-assert len(TENSORS) == 120 and FILE_BYTES == 11463360
-
-
-# ---------------------------------------------------------------- parameters
-
-# Gains of the 1/sqrt(fan_in) weights, by name prefix (first match wins).
-_GAINS = (
-    ("block", 0.5),                 # pointwise2 adds to the residual path
-    ("stack", 0.8),
-    ("logmag", 1.0),
-    ("gru.input.weight", 3.0),      # input-driven phases that turn over time
-    ("gru.recurrent.weight", 0.6),  # contracting recurrence: errors fade
-)
-
-
-def _gain(name):
-    if name.endswith("pointwise1.weight"):
-        return 1.0
-    return next((g for prefix, g in _GAINS if name.startswith(prefix)), 1.0)
-
-
-def random_parameters(seed):
-    """Well-conditioned random weights (float16) for every tensor.
-
-    Matrices are scaled by 1/sqrt(fan_in) times a per-layer gain chosen so
-    that activations stay of order one, the recurrent unit neither saturates
-    nor dies, and the log-magnitudes stay near exp(-1).
-    """
-    rng = np.random.default_rng(seed)
-
-    def normal(shape, std, mean=0.0):
-        return mean + std * rng.standard_normal(shape)
-
-    p = {}
-    for name, shape in TENSORS:
-        if name.endswith(".bias"):
-            value = normal(shape, 0.05)
-        elif name.endswith(".scale"):
-            value = normal(shape, 0.1, 1.0)
-        elif name.endswith(".shift"):
-            value = normal(shape, 0.05)
-        elif name == "pitch_embedding":
-            value = normal(shape, 0.5)
-        elif name == "band_filter":
-            # Random, not symmetric: a linear-phase filter would hide a
-            # reversed tap order. 16 of 63 taps meet a non-zero sample.
-            value = normal(shape, 1.0 / np.sqrt(16))
-        elif name.startswith("block") and "depthwise" in name:
-            value = normal(shape, 1.0 / np.sqrt(17))
-        else:
-            fan_in = int(np.prod(shape[1:]))
-            gain = _gain(name)
-            if name.startswith(("upsample1", "upsample2")):
-                fan_in //= shape[2] // 2  # each output sub-step meets 2 taps
-            value = normal(shape, gain / np.sqrt(fan_in))
-        p[name] = value.astype(np.float16)
-    p["logmag.bias"] = normal(BANDS * BINS, 0.3, -1.0).astype(np.float16)
-    # The phase of bin k is the direction of the state pair (2k, 2k+1); an
-    # offset on the first unit of each pair keeps the pair off the origin,
-    # where its direction would hang on rounding, while the input still
-    # turns it.
-    offset = np.zeros(3 * GRU_HIDDEN)
-    offset[2 * GRU_HIDDEN: 2 * GRU_HIDDEN + 2 * BANDS * BINS: 2] = rng.choice([-2.5, 2.5], BANDS * BINS)
-    p["gru.input.bias"] = (p["gru.input.bias"] + offset).astype(np.float16)
-    return p
-
-
-def _check_shapes(params):
-    for name, shape in TENSORS:
-        if params[name].shape != shape:
-            raise ValueError(f"{name}: shape {params[name].shape} != {shape}")
-
-
-def write_parameters(params, path):
-    """Write the flat float16 file in file order."""
-    _check_shapes(params)
-    data = b"".join(np.ascontiguousarray(params[name], dtype="<f2").tobytes() for name, _ in TENSORS)
-    assert len(data) == FILE_BYTES
-    with open(path, "wb") as f:
-        f.write(data)
-
-
-def write_speakers(embeddings, path):
-    """Write an (n, 256) speaker file: headerless float16, 512 bytes a row."""
-    rows = np.asarray(embeddings, dtype=np.float64)
-    if rows.ndim != 2 or rows.shape[1] != HIDDEN:
-        raise ValueError("embeddings must have shape (n, 256)")
-    with open(path, "wb") as f:
-        f.write(rows.astype("<f2").tobytes())
-
-
-def _widen(params):
-    return {name: np.asarray(params[name], dtype=np.float64) for name, _ in TENSORS}
 
 
 # ---------------------------------------------------------------- activations
@@ -207,8 +74,8 @@ def _normalise(x):
 
 
 def _residual_conv_block(x, p, j):
-    pre = f"block{j}."
-    depthwise = p[pre + "depthwise.weight"]            # [ch][17], tap 16 newest
+    pre = f"blocks.{j}."
+    depthwise = p[pre + "depthwise.weight"][:, 0]      # [ch][17], tap 16 newest
     xp = np.concatenate([np.zeros((16, HIDDEN)), x])
     m = np.broadcast_to(p[pre + "depthwise.bias"], x.shape).copy()
     for t in range(17):
@@ -220,14 +87,14 @@ def _residual_conv_block(x, p, j):
 def frame_network(p, phone, qpitch, pfeat, speaker):
     """Frame-rate network: (n, 256) activated output of the post-convolution."""
     x = (phone @ p["phone_proj.weight"].T + p["phone_proj.bias"]
-         + p["pitch_embedding"][np.asarray(qpitch)]
+         + p["pitch_embedding.weight"][np.asarray(qpitch)]
          + pfeat @ p["pitch_feat_proj.weight"].T + p["pitch_feat_proj.bias"]
          + speaker)
     x = causal_conv(silu(x), p["pre_conv.weight"], p["pre_conv.bias"])
-    x = _normalise(x) * p["norm1.scale"] + p["norm1.shift"]
+    x = _normalise(x) * p["norm1.weight"] + p["norm1.bias"]
     for j in range(4):
         x = _residual_conv_block(x, p, j)
-    x = _normalise(x) * p["norm2.scale"] + p["norm2.shift"]
+    x = _normalise(x) * p["norm2.weight"] + p["norm2.bias"]
     return silu(causal_conv(x, p["post_conv.weight"], p["post_conv.bias"]))
 
 
@@ -255,9 +122,9 @@ def transposed_conv(x, weight, bias, stride, carry_shift=0):
 def residual_stack(x, p, stage):
     """Mean of the kernel-3, -7 and -11 residual blocks over a (T, N) sequence."""
     results = {}
-    for k in STACK_KERNELS:
+    for b, k in enumerate(STACK_KERNELS):
         def conv(j, v):
-            name = f"stack{stage}.k{k}.conv{j}"
+            name = f"stack{stage}.blocks.{b}.{j}"
             return causal_conv(v, p[name + ".weight"], p[name + ".bias"], STACK_DILATIONS[j])
 
         r = x
@@ -272,8 +139,8 @@ def residual_stack(x, p, stage):
 
 def phase_states(p, x, fault=None):
     """Phase recurrent unit over the (T, 64) sub-steps: (T, 128) states."""
-    w_hh, b_hh = p["gru.recurrent.weight"], p["gru.recurrent.bias"]
-    gi_all = x @ p["gru.input.weight"].T + p["gru.input.bias"]
+    w_hh, b_hh = p["gru.weight_hh_l0"], p["gru.bias_hh_l0"]
+    gi_all = x @ p["gru.weight_ih_l0"].T + p["gru.bias_ih_l0"]
     first, second = (1, 0) if fault == "gru_gates_swapped" else (0, 1)
     g = GRU_HIDDEN
     h = np.zeros(g)
@@ -333,42 +200,18 @@ def band_merge(bands, band_filter, fault=None):
 
 # ---------------------------------------------------------------- whole model
 
-def _inputs(phone, qpitch, pfeat, speaker):
-    phone = np.asarray(phone, dtype=np.float64)
-    n = len(phone)
-    qpitch = np.asarray(qpitch, dtype=np.int64).reshape(n)
-    pfeat = np.asarray(pfeat, dtype=np.float64).reshape(n, 4)
-    speaker = np.asarray(speaker, dtype=np.float64).reshape(n, HIDDEN)
-    if phone.shape != (n, HIDDEN) or qpitch.min(initial=0) < 0 or qpitch.max(initial=0) >= PITCH_BINS:
-        raise ValueError("bad generator inputs")
-    return phone, qpitch, pfeat, speaker
-
-
-def stage_outputs(params, phone, qpitch, pfeat, speaker, fault=None):
-    """Every stage of the generator for a whole stream, by name."""
-    if fault is not None and fault not in FAULTS:
-        raise ValueError(f"unknown fault {fault!r}")
-    p = _widen(params)
-    _check_shapes(p)
-    out = {"frames": frame_network(p, *_inputs(phone, qpitch, pfeat, speaker))}
-    carry_shift = 1 if fault == "upsample1_carry_late" else 0
-    out["upsample1"] = transposed_conv(out["frames"], p["upsample1.weight"], p["upsample1.bias"],
-                                       STAGE1_STEPS, carry_shift)
-    out["stack1"] = residual_stack(out["upsample1"], p, 1)
-    out["upsample2"] = transposed_conv(silu(out["stack1"]), p["upsample2.weight"],
-                                       p["upsample2.bias"], STAGE2_STEPS // STAGE1_STEPS)
-    out["stack2"] = residual_stack(out["upsample2"], p, 2)
-    features = silu(out["stack2"])
-    out["spectra"] = spectra(p, features, fault)
-    out["bands"] = band_signals(out["spectra"], fault) * BAND_GAIN
-    out["output"] = band_merge(out["bands"], p["band_filter"], fault)
-    return out
-
-
 def generate(params, phone, qpitch, pfeat, speaker, fault=None):
     """Output samples (n_frames * 240,) float64 for a whole stream.
 
     fault, if given, is one of FAULTS: a deliberate error of a kind an engine
     could make, used to show that the comparison tolerance discriminates.
     """
-    return stage_outputs(params, phone, qpitch, pfeat, speaker, fault)["output"]
+    if fault is not None and fault not in FAULTS:
+        raise ValueError(f"unknown fault {fault!r}")
+    p = {name: np.asarray(value, dtype=np.float64) for name, value in params.items()}
+    x = transposed_conv(frame_network(p, phone, qpitch, pfeat, speaker), p["upsample1.weight"], p["upsample1.bias"],
+                        STAGE1_STEPS, 1 if fault == "upsample1_carry_late" else 0)
+    x = transposed_conv(silu(residual_stack(x, p, 1)), p["upsample2.weight"], p["upsample2.bias"],
+                        STAGE2_STEPS // STAGE1_STEPS)
+    bands = band_signals(spectra(p, silu(residual_stack(x, p, 2)), fault), fault) * BAND_GAIN
+    return band_merge(bands, p["band_filter"], fault)
