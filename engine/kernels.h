@@ -12,6 +12,7 @@
 // their slot; all state lives in the caller's context.
 #pragma once
 #include <cstddef>
+#include <cstdint>
 
 #include "half.h"
 #include "shared_layout.h"
@@ -69,6 +70,14 @@ constexpr int kMaxSweepSteps = 16 * kMaxBatch;
                          int n);                                                                         \
   void ResidualConvBlockN(const ResidualConvBlockWeights& weights, const float* const* x,                \
                           ResidualConvBlockSlot* const* slots, int n);
+
+// The vector sets' tanh against the library's (vector_kernels.inc).
+namespace avx2 {
+std::uint64_t TanhMismatches(std::uint64_t first, std::uint64_t end, std::uint64_t stride);
+}
+namespace avx512 {
+std::uint64_t TanhMismatches(std::uint64_t first, std::uint64_t end, std::uint64_t stride);
+}
 
 namespace scalar {
 CORVINA_DECLARE_KERNELS
