@@ -1,7 +1,6 @@
 // The AVX2 set: every kernel and network on 256-bit vectors, and its table.
 // One of the two files compiled with AVX2/FMA/F16C; the load-time tanh check
 // lives here too, as it runs the vector tanh.
-#include <array>
 #include <cmath>
 #include <cstdint>
 #include <cstring>

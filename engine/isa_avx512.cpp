@@ -1,7 +1,6 @@
 // The AVX-512 set: every kernel and network with 512-bit sweeps, and its
 // table. The only file compiled with AVX-512; it runs only where the
 // processor check at load (kernel_set.cpp) finds AVX-512.
-#include <array>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
