@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <utility>
 
 #include "../phone/phone_kernels.h"
 #include "../pitch/depthwise_conv33.h"
@@ -29,28 +30,11 @@ extern const KernelTable kAvx2Kernels = {"avx2", avx2::ExtractPhoneN, avx2::Pitc
 
 namespace tanh_avx2 {
 
-std::uint64_t CountMismatches(std::uint64_t first, std::uint64_t end, std::uint64_t stride) {
-  alignas(32) float in[8], out[8];
-  std::uint64_t mismatches = 0;
-  for (std::uint64_t b = first; b < end; b += 8 * stride) {
-    for (int j = 0; j < 8; ++j) {
-      const auto bits = static_cast<std::uint32_t>(b + static_cast<std::uint64_t>(j) * stride);
-      std::memcpy(&in[j], &bits, sizeof bits);
-    }
-    _mm256_store_ps(out, Tanh(_mm256_load_ps(in)));
-    for (int j = 0; j < 8; ++j) {
-      const float expected = std::tanh(in[j]);
-      mismatches += std::isnan(expected) ? !std::isnan(out[j]) : std::memcmp(&expected, &out[j], sizeof expected) != 0;
-    }
-  }
-  return mismatches;
-}
-
 // Bit patterns spread over every sign, exponent and mantissa (65,536 of
 // them, 65,521 apart): a library whose tanh is computed another way
 // disagrees on a good share of them. The whole range is compared by
 // tests/native/test_tanh_exhaustive.cpp.
-bool MatchesLibrary() { return CountMismatches(0, std::uint64_t{1} << 32, 65521) == 0; }
+bool MatchesLibrary() { return avx2::TanhMismatches(0, std::uint64_t{1} << 32, 65521) == 0; }
 
 }  // namespace tanh_avx2
 }  // namespace corvina

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <utility>
 
 #include "../phone/phone_kernels.h"
 #include "../pitch/depthwise_conv33.h"

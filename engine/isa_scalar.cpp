@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <utility>
 
 #include "../phone/phone_kernels.h"
 #include "../pitch/depthwise_conv33.h"
@@ -39,6 +40,12 @@ void MatrixSweepN(const f16* weight, std::size_t tap_stride, const float* const*
     for (int t = 0; t < taps; ++t) PanelAccumulate(weight + t * tap_stride, rows[t * n + s], y[s], outputs, inputs);
 }
 
+void StridedConvLayerN(const f16* weight, const float* const* input, float* const* previous, float* const* output,
+                       int n, int inputs, int outputs, int out_positions) {
+  for (int s = 0; s < n; ++s)
+    StridedConvLayer(weight, input[s], previous[s], output[s], inputs, outputs, out_positions);
+}
+
 void DenseLayerN(const Dense256Weights& weights, const float* const* x, DenseSlot* const* slots, int n) {
   for (int s = 0; s < n; ++s) DenseLayer(weights, x[s], slots[s]);
 }
@@ -51,6 +58,12 @@ void CausalConv7LayerN(const CausalConv7Weights& weights, const float* const* x,
 void ResidualConvBlockN(const ResidualConvBlockWeights& weights, const float* const* x,
                         ResidualConvBlockSlot* const* slots, int n) {
   for (int s = 0; s < n; ++s) ResidualConvBlock(weights, x[s], slots[s]);
+}
+
+template <int N, int T, int K, int D>
+void DilatedCausalConvN(const DilatedConvWeights<N, K>& weights, int n, const float* const* input,
+                        DilatedCausalConvState<N, T, kDilatedHistory<K, D>>* const* states) {
+  for (int s = 0; s < n; ++s) DilatedCausalConv<N, T, K, D>(weights, input[s], states[s]);
 }
 
 #include "../phone/phone_network.inc"

@@ -12,6 +12,7 @@
 // their slot; all state lives in the caller's context.
 #pragma once
 #include <cstddef>
+#include <cstdint>
 
 #include "half.h"
 #include "shared_layout.h"
@@ -50,6 +51,8 @@ void NormalizationCoefficients(const float* x, int n, float* r, float* s);
 // the one-stream kernel, bit for bit. The scalar build runs the streams in
 // turn (isa_scalar.cpp).
 constexpr int kMaxBatch = 16;
+// A sweep's steps: streams, or every position of every stream of a batch.
+constexpr int kMaxSweepSteps = 16 * kMaxBatch;
 
 #define CORVINA_DECLARE_BATCH_KERNELS                                                                   \
   void PanelAccumulateN(const f16* weight, const float* const* x, float* const* y, int n, int outputs,   \
@@ -58,7 +61,8 @@ constexpr int kMaxBatch = 16;
                      int outputs, int inputs);                                                           \
   void PanelProductGeluN(const f16* weight, const f16* bias, const float* const* x, float* const* y, int n, \
                          int outputs, int inputs, const f16* next, std::size_t next_halves);             \
-  /* y[s] += sum over taps t of W_t rows[t * n + s], W_t at weight + t * tap_stride. */                  \
+  /* y[s] += sum over taps t of W_t rows[t * n + s], W_t at weight + t * tap_stride;          \
+     taps <= 11, n <= kMaxSweepSteps. */                                                                  \
   void MatrixSweepN(const f16* weight, std::size_t tap_stride, const float* const* rows, int taps, int inputs, \
                     float* const* y, int n, int outputs);                                                \
   void DenseLayerN(const Dense256Weights& weights, const float* const* x, DenseSlot* const* slots, int n); \
@@ -66,6 +70,14 @@ constexpr int kMaxBatch = 16;
                          int n);                                                                         \
   void ResidualConvBlockN(const ResidualConvBlockWeights& weights, const float* const* x,                \
                           ResidualConvBlockSlot* const* slots, int n);
+
+// The vector sets' tanh against the library's (vector_kernels.inc).
+namespace avx2 {
+std::uint64_t TanhMismatches(std::uint64_t first, std::uint64_t end, std::uint64_t stride);
+}
+namespace avx512 {
+std::uint64_t TanhMismatches(std::uint64_t first, std::uint64_t end, std::uint64_t stride);
+}
 
 namespace scalar {
 CORVINA_DECLARE_KERNELS

@@ -1,6 +1,7 @@
 // The phone extractor's own layers, in three builds with identical results:
 //   scalar::  the definition, plain loops in the order that fixes the result;
-//   avx2::, avx512::  the engine's sweeps, several positions per pass (phone_fast.inc).
+//   avx2::, avx512::  the engine's sweeps, every position of every stream in one pass per panel
+//                     (front_end_vector.inc).
 // Front-end convolutions carry no bias: each output starts from zero and
 // accumulates over taps (outer) and input channels (ascending) with fused
 // multiply-adds. Each layer updates its own history and ends with the GELU.
@@ -37,6 +38,9 @@ constexpr int kInputConvChannels = 32;
 // One frame of n <= kMaxBatch streams, layer by layer across them; stream s's
 // features end in contexts[s]->output_dense.output, as ExtractPhone's would.
 #define CORVINA_DECLARE_PHONE_BATCH                                                                      \
+  /* StridedConvLayer for n streams, each with its own input, previous position and output. */           \
+  void StridedConvLayerN(const f16* weight, const float* const* input, float* const* previous,             \
+                         float* const* output, int n, int inputs, int outputs, int out_positions);         \
   void ExtractPhoneN(const PhoneExtractorBlock& model, const float* const* x, PhoneContext* const* contexts, int n);
 
 namespace scalar {

@@ -128,31 +128,34 @@ TEST(matrix_products_match_for_every_shape) {
   });
 }
 
-// The batched sweep takes up to 7 taps (the size of its row table) for up to
-// kMaxBatch streams: each tap count to that limit, each batch size.
+// The batched sweep takes up to 11 taps (the stacks' widest convolution) for
+// up to kMaxSweepSteps steps: each tap count to that limit, each batch size,
+// and the step counts of a batch's positions (the widened passes).
 TEST(batched_sweeps_match_for_every_tap_count_and_batch_size) {
   Rng rng(check::Seed());
-  constexpr int kOutputs = 64, kInputs = 48, kTaps = 7;
+  constexpr int kOutputs = 64, kInputs = 48, kTaps = 11, kRows = kTaps * kMaxBatch;
   Weights weight(static_cast<std::size_t>(kTaps) * kOutputs * kInputs);
   RandomHalves(weight.data, static_cast<std::size_t>(kTaps) * kOutputs * kInputs, rng);
   std::vector<std::vector<float>> inputs;
-  for (int r = 0; r < kTaps * kMaxBatch; ++r) inputs.push_back(RandomFloats(kInputs, 2.0f, rng));
+  for (int r = 0; r < kRows; ++r) inputs.push_back(RandomFloats(kInputs, 2.0f, rng));
   const std::vector<float> start = RandomFloats(kOutputs, 2.0f, rng);
+  std::vector<int> sizes;
+  for (int n = 1; n <= kMaxBatch; ++n) sizes.push_back(n);
+  for (int n : {kMaxBatch + 1, 40, 75, kMaxSweepSteps}) sizes.push_back(n);
   ForEachBuild([&](const FastBuild& build) {
     for (int taps = 1; taps <= kTaps; ++taps)
-      for (int n = 1; n <= kMaxBatch; ++n) {
-        const float* rows[kTaps * kMaxBatch];
-        for (int r = 0; r < taps * n; ++r) rows[r] = inputs[r].data();
+      for (int n : sizes) {
+        std::vector<const float*> rows(static_cast<std::size_t>(taps) * n);
+        for (std::size_t r = 0; r < rows.size(); ++r) rows[r] = inputs[(r * 7) % kRows].data();
         std::vector<std::vector<float>> expected(n, start), got(n, start);
-        float* y_expected[kMaxBatch];
-        float* y_got[kMaxBatch];
+        std::vector<float*> y_expected(n), y_got(n);
         for (int s = 0; s < n; ++s) y_expected[s] = expected[s].data(), y_got[s] = got[s].data();
         const std::size_t tap_stride = static_cast<std::size_t>(kOutputs) * kInputs;
-        scalar::MatrixSweepN(weight.data, tap_stride, rows, taps, kInputs, y_expected, n, kOutputs);
-        build.sweep(weight.data, tap_stride, rows, taps, kInputs, y_got, n, kOutputs);
+        scalar::MatrixSweepN(weight.data, tap_stride, rows.data(), taps, kInputs, y_expected.data(), n, kOutputs);
+        build.sweep(weight.data, tap_stride, rows.data(), taps, kInputs, y_got.data(), n, kOutputs);
         bool same = true;
         for (int s = 0; s < n; ++s) same &= SameFloats(expected[s].data(), got[s].data(), kOutputs);
-        CHECK_MSG(same, "%s: %d taps, %d streams", build.name, taps, n);
+        CHECK_MSG(same, "%s: %d taps, %d steps", build.name, taps, n);
       }
   });
 }
