@@ -65,8 +65,9 @@ def cosine(a, b):
     return float(a @ b / (np.linalg.norm(a) * np.linalg.norm(b) + 1e-9))
 
 
-def gross_pitch_error(source16, output16, semitones):
-    f_in, f_out = frame_f0(source16), frame_f0(output16)
+def gross_pitch_error(f_in, output16, semitones):
+    """f_in: the input's pitch per frame (frame_f0), 0 where unvoiced."""
+    f_out = frame_f0(output16)
     n = min(len(f_in), len(f_out))
     f_in, f_out = f_in[:n] * 2 ** (semitones / 12), f_out[:n]
     both = (f_in > 0) & (f_out > 0)
@@ -105,7 +106,8 @@ def evaluate(corpus_dir, model_dir, source_speakers=None, sentences=8, shift=4.0
     for u in utterances:
         truth = list(u.phone_sequence) if u.phone_sequence is not None else None
         source_summary = voice_summary(u.audio24, 24000)
-        voiced = frame_f0(u.audio16) > 0
+        f_in = frame_f0(u.audio16)
+        voiced = f_in > 0
         figures["input_harmonicity_db"].append(harmonicity(u.audio16, voiced))
         if truth:
             figures["input_phone_error_rate"].append(edit_distance(recognise(u.audio16), truth) / len(truth))
@@ -114,7 +116,7 @@ def evaluate(corpus_dir, model_dir, source_speakers=None, sentences=8, shift=4.0
                 converter = Converter(models, speaker=row, pitch_shift=semitones)
                 out = np.concatenate([converter.process(u.audio16), converter.flush()])
                 out16 = soxr.resample(out, 24000, 16000).astype(np.float32)
-                gpe, kept = gross_pitch_error(u.audio16, out16, semitones)
+                gpe, kept = gross_pitch_error(f_in, out16, semitones)
                 figures["gross_pitch_error_shifted" if semitones else "gross_pitch_error"].append(gpe)
                 if semitones:
                     continue
