@@ -46,6 +46,9 @@ def add_commands(sub):
         p.add_argument("--validate-every", type=int, default=200, metavar="STEPS")
         p.add_argument("--device", default="cpu", help="torch device, e.g. cpu or cuda (default cpu)")
         p.add_argument("--threads", type=int, help="CPU threads for PyTorch")
+        p.add_argument("--learning-rate", type=float, metavar="RATE",
+                       help="AdamW's rate from now on, also over a resumed run's (default: the stage's own); "
+                            "lower it for the last part of a long run")
         if name in ("waveform", "finetune"):
             p.add_argument("--adversarial", action="store_true",
                            help="also train critics and learn to fool them, the usual way to clean up "
@@ -88,7 +91,7 @@ def run_train(args):
     except (CorpusError, FileNotFoundError, ValueError) as e:
         raise SystemExit(f"corvina train {args.stage}: {e}")
     train(stage, os.path.join(args.checkpoints), steps=args.steps, minutes=args.minutes,
-          validate_every=args.validate_every)
+          validate_every=args.validate_every, learning_rate=args.learning_rate)
     return 0
 
 

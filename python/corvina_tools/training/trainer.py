@@ -51,9 +51,10 @@ def _save(path, payload):
 
 
 def train(stage, checkpoint_dir, steps=None, minutes=None, validate_every=200, checkpoint_minutes=5.0,
-          seed=0, log=sys.stderr):
+          seed=0, log=sys.stderr, learning_rate=None):
     """Train until `steps` steps or `minutes` of training time in all (both
-    counted over resumed runs too). Returns the last validation figures."""
+    counted over resumed runs too). `learning_rate` replaces the stage's rate
+    and a resumed optimiser's. Returns the last validation figures."""
     if steps is None and minutes is None:
         raise ValueError("give a step budget, a time budget or both")
     rank, world = distributed()
@@ -87,6 +88,9 @@ def train(stage, checkpoint_dir, steps=None, minutes=None, validate_every=200, c
         if critic is not None and "critic" in saved:
             critic.load_state_dict(saved["critic"])
             critic_optimiser.load_state_dict(saved["critic_optimiser"])
+    if learning_rate is not None:
+        for group in optimiser.param_groups + (critic_optimiser.param_groups if critic is not None else []):
+            group["lr"] = learning_rate
     # Under torchrun, the forward runs through the wrapper that averages the
     # gradients over the processes.
     runner = torch.nn.parallel.DistributedDataParallel(model) if world > 1 else model
