@@ -53,12 +53,6 @@ struct alignas(64) ResidualConvWeights {
 constexpr int kResidualTaps = 17;
 constexpr int kHiddenChannels = 768;
 using ResidualConvBlockWeights = ResidualConvWeights<kChannels, kHiddenChannels, kResidualTaps>;
-static_assert(sizeof(ResidualConvBlockWeights) == 797696, "residual convolution block");
-static_assert(offsetof(ResidualConvBlockWeights, depthwise_bias) == 8704, "");
-static_assert(offsetof(ResidualConvBlockWeights, expand) == 9216, "");
-static_assert(offsetof(ResidualConvBlockWeights, expand_bias) == 402432, "");
-static_assert(offsetof(ResidualConvBlockWeights, project) == 403968, "");
-static_assert(offsetof(ResidualConvBlockWeights, project_bias) == 797184, "");
 
 // Per-stream slots. A zeroed slot is silence before the stream, position 0.
 struct alignas(64) DenseSlot {
@@ -89,10 +83,22 @@ struct alignas(64) ResidualConvSlot {
 };
 
 using ResidualConvBlockSlot = ResidualConvSlot<kChannels, kHiddenChannels, kResidualTaps>;
-static_assert(sizeof(ResidualConvBlockSlot) == 21568, "");
-static_assert(offsetof(ResidualConvBlockSlot, mixed) == 16384, "");
-static_assert(offsetof(ResidualConvBlockSlot, position) == 17408, "");
-static_assert(offsetof(ResidualConvBlockSlot, hidden) == 17472, "");
-static_assert(offsetof(ResidualConvBlockSlot, output) == 20544, "");
+
+// For every shape: the weights lie end to end in file order, and the slot's
+// ring index starts the cache line after the depthwise output.
+template <int C, int H, int T>
+constexpr bool ResidualConvLayoutHolds() {
+  using W = ResidualConvWeights<C, H, T>;
+  using S = ResidualConvSlot<C, H, T>;
+  constexpr std::size_t h = sizeof(f16), f = sizeof(float);
+  return offsetof(W, depthwise_bias) == h * T * C && offsetof(W, expand) == h * (T + 1) * C &&
+         offsetof(W, expand_bias) == h * ((T + 1) * C + H * C) &&
+         offsetof(W, project) == h * ((T + 1) * C + H * C + H) &&
+         offsetof(W, project_bias) == h * ((T + 1) * C + 2 * H * C + H) && offsetof(S, mixed) == f * (T - 1) * C &&
+         offsetof(S, position) == f * T * C && offsetof(S, hidden) == f * T * C + 64 &&
+         offsetof(S, output) == f * (T * C + H) + 64;
+}
+static_assert(ResidualConvLayoutHolds<kChannels, kHiddenChannels, kResidualTaps>(), "residual convolution block");
+static_assert(sizeof(ResidualConvBlockWeights) == 797696 && sizeof(ResidualConvBlockSlot) == 21568, "");
 
 }  // namespace corvina

@@ -26,12 +26,9 @@ static_assert(sizeof(Dense192Weights) == 74112, "");
 
 // The blocks are the shared residual convolution block at 192/576 channels and 33 taps.
 using PitchBlockWeights = ResidualConvWeights<kPitchWidth, kPitchExpanded, kPitchDepthwiseTaps>;
-static_assert(sizeof(PitchBlockWeights) == 456960, "");
-static_assert(offsetof(PitchBlockWeights, depthwise_bias) == 12672, "");
-static_assert(offsetof(PitchBlockWeights, expand) == 13056, "");
-static_assert(offsetof(PitchBlockWeights, expand_bias) == 234240, "");
-static_assert(offsetof(PitchBlockWeights, project) == 235392, "");
-static_assert(offsetof(PitchBlockWeights, project_bias) == 456576, "");
+using PitchBlockSlot = ResidualConvSlot<kPitchWidth, kPitchExpanded, kPitchDepthwiseTaps>;
+static_assert(ResidualConvLayoutHolds<kPitchWidth, kPitchExpanded, kPitchDepthwiseTaps>(), "pitch block");
+static_assert(sizeof(PitchBlockWeights) == 456960 && sizeof(PitchBlockSlot) == 28480, "");
 
 struct alignas(64) PitchEstimatorBlock {
   std::uint8_t lead[64];  // never filled from the file; stays zero
@@ -78,13 +75,6 @@ struct alignas(64) PitchFrontEndState {
   float previous_spectrum[kSpectralBins][2];  // (real, imaginary) of bins 0..63
 };
 static_assert(sizeof(PitchFrontEndState) == 4608, "");
-
-using PitchBlockSlot = ResidualConvSlot<kPitchWidth, kPitchExpanded, kPitchDepthwiseTaps>;
-static_assert(sizeof(PitchBlockSlot) == 28480, "");
-static_assert(offsetof(PitchBlockSlot, mixed) == 24576, "");
-static_assert(offsetof(PitchBlockSlot, position) == 25344, "");
-static_assert(offsetof(PitchBlockSlot, hidden) == 25408, "");
-static_assert(offsetof(PitchBlockSlot, output) == 27712, "");
 
 struct alignas(64) PitchContext {
   PitchFrontEndState front;
