@@ -15,8 +15,8 @@
 //   cmake --build build/perf --target bench_chain &&
 //   build/perf/bench/bench_chain [--frames N] [--batch B] [--set NAME] [--json PATH]
 //                                [phone.bin pitch.bin generator.bin]
-// Without files the weights are small random halves (the README shows how to
-// write well-conditioned files with the test references).
+// Without files the weights are the shared random models
+// (speech_and_random_models.h); the README shows how to write files.
 #include <algorithm>
 #include <chrono>
 #include <cmath>

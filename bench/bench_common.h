@@ -1,5 +1,5 @@
-// What the chain benchmarks share: the three models (parameter files or small
-// random halves), the input signal and speaker, timing summaries, the
+// What the chain benchmarks share: the three models (parameter files or the
+// shared random models), the input signal and speaker, timing summaries, the
 // processor's name and the load average.
 #pragma once
 #include <cpuid.h>
@@ -10,12 +10,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <random>
 #include <string>
 #include <vector>
 
+#include "bench/speech_and_random_models.h"
 #include "engine/corvina.h"
-#include "engine/half.h"
 
 namespace corvina::bench {
 
@@ -23,33 +22,26 @@ using Clock = std::chrono::steady_clock;
 
 inline double Micros(Clock::duration d) { return std::chrono::duration<double, std::micro>(d).count(); }
 
-// Halves of magnitude 2^-9 to 2^-4 with random signs over `bytes` from `start`.
-inline void FillRandomHalves(void* start, std::size_t bytes, unsigned seed) {
-  auto* halves = static_cast<f16*>(start);
-  std::mt19937 rng(seed);
-  std::uniform_int_distribution<int> exponent(6, 10), mantissa(0, 1023), sign(0, 1);
-  for (std::size_t i = 0; i < bytes / sizeof(f16); ++i)
-    halves[i] = static_cast<f16>((sign(rng) << 15) | (exponent(rng) << 10) | mantissa(rng));
-}
-
 // The three model blocks, read from phone, pitch and generator files when
-// `files` names them, else filled with random halves.
+// `files` names them, else the shared random models.
 struct Models {
-  CorvinaPhoneExtractor* phone = Corvina_CreatePhoneExtractor();
-  CorvinaPitchEstimator* pitch = Corvina_CreatePitchEstimator();
-  CorvinaWaveformGenerator* waveform = Corvina_CreateWaveformGenerator();
+  CorvinaPhoneExtractor* phone;
+  CorvinaPitchEstimator* pitch;
+  CorvinaWaveformGenerator* waveform;
   bool from_files;
 
   explicit Models(const char* const files[3]) : from_files(files[0] != nullptr) {
     if (from_files) {
+      phone = Corvina_CreatePhoneExtractor();
+      pitch = Corvina_CreatePitchEstimator();
+      waveform = Corvina_CreateWaveformGenerator();
       Corvina_ReadPhoneExtractorParameters(phone, files[0]);
       Corvina_ReadPitchEstimatorParameters(pitch, files[1]);
       Corvina_ReadWaveformGeneratorParameters(waveform, files[2]);
     } else {
-      FillRandomHalves(phone, CORVINA_PHONE_EXTRACTOR_PARAMETER_BYTES, 1);
-      // The estimator block keeps a 64-byte lead the file never fills.
-      FillRandomHalves(reinterpret_cast<char*>(pitch) + 64, CORVINA_PITCH_ESTIMATOR_PARAMETER_BYTES, 2);
-      FillRandomHalves(waveform, CORVINA_WAVEFORM_GENERATOR_PARAMETER_BYTES, 3);
+      phone = reinterpret_cast<CorvinaPhoneExtractor*>(synthetic::RandomPhoneModel(1).release());
+      pitch = reinterpret_cast<CorvinaPitchEstimator*>(synthetic::RandomPitchModel(2).release());
+      waveform = reinterpret_cast<CorvinaWaveformGenerator*>(synthetic::RandomWaveformModel(3).release());
     }
   }
   Models(const Models&) = delete;
@@ -60,21 +52,11 @@ struct Models {
     Corvina_DestroyPhoneExtractor(phone);
   }
 
-  const char* weights() const { return from_files ? "parameter files" : "random halves"; }
+  const char* weights() const { return from_files ? "parameter files" : "random models"; }
 };
 
-// A gliding voiced tone with noise: the pitch path sees changing bins.
-inline std::vector<float> Signal(int frames) {
-  std::vector<float> x(static_cast<std::size_t>(frames) * CORVINA_IN_HOP_LENGTH);
-  std::mt19937 rng(3);
-  std::normal_distribution<float> noise(0.0f, 0.02f);
-  double phase = 0.0;
-  for (std::size_t i = 0; i < x.size(); ++i) {
-    phase += 2.0 * 3.14159265358979 * (120.0 + 80.0 * std::sin(static_cast<double>(i) * 2e-5)) / 16000.0;
-    x[i] = 0.3f * static_cast<float>(std::sin(phase) + 0.4 * std::sin(2.0 * phase)) + noise(rng);
-  }
-  return x;
-}
+// The shared speech-like signal: the pitch path sees changing bins.
+inline std::vector<float> Signal(int frames) { return synthetic::SpeechLikeSignal(frames, 3); }
 
 inline std::vector<float> Speaker() {
   std::vector<float> speaker(CORVINA_WAVEFORM_GENERATOR_HIDDEN_CHANNELS);

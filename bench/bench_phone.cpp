@@ -8,9 +8,9 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
-#include <random>
 #include <vector>
 
+#include "bench/speech_and_random_models.h"
 #include "engine/corvina.h"
 #include "phone/phone_layout.h"
 
@@ -21,31 +21,19 @@ namespace {
 constexpr int kWarmUp = 200;
 constexpr int kFrames = 2000;
 
-// Halves of magnitude 2^-9 to 2^-4 (exponent 6..10), random sign and mantissa.
-void FillRandom(CorvinaPhoneExtractor* model) {
-  auto* halves = reinterpret_cast<f16*>(model);
-  std::mt19937 rng(1);
-  std::uniform_int_distribution<int> exponent(6, 10), mantissa(0, 1023), sign(0, 1);
-  for (std::size_t i = 0; i < sizeof(PhoneExtractorBlock) / sizeof(f16); ++i)
-    halves[i] = static_cast<f16>((sign(rng) << 15) | (exponent(rng) << 10) | mantissa(rng));
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
-  CorvinaPhoneExtractor* model = Corvina_CreatePhoneExtractor();
+  CorvinaPhoneExtractor* model;
   if (argc > 1) {
+    model = Corvina_CreatePhoneExtractor();
     Corvina_ReadPhoneExtractorParameters(model, argv[1]);
   } else {
-    FillRandom(model);
+    model = reinterpret_cast<CorvinaPhoneExtractor*>(corvina::synthetic::RandomPhoneModel(1).release());
   }
   CorvinaPhoneContext1* context = Corvina_CreatePhoneContext1();
 
-  std::mt19937 rng(2);
-  std::normal_distribution<float> noise(0.0f, 0.02f);
-  std::vector<float> signal(static_cast<std::size_t>(kWarmUp + kFrames) * CORVINA_IN_HOP_LENGTH);
-  for (std::size_t i = 0; i < signal.size(); ++i)
-    signal[i] = 0.3f * std::sin(2.0f * 3.14159265f * 150.0f * static_cast<float>(i) / 16000.0f) + noise(rng);
+  const std::vector<float> signal = corvina::synthetic::SpeechLikeSignal(kWarmUp + kFrames, 2);
 
   float output[CORVINA_PHONE_CHANNELS];
   std::vector<double> micros;

@@ -6,9 +6,9 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
-#include <random>
 #include <vector>
 
+#include "bench/speech_and_random_models.h"
 #include "engine/aligned_block.h"
 #include "engine/corvina.h"
 #include "engine/fft.h"
@@ -22,27 +22,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 constexpr int kHop = CORVINA_IN_HOP_LENGTH;
 constexpr int kWarmUp = 200, kFrames = 3000;
-
-// A voiced-like test signal: a few harmonics of a gliding 100..300 Hz tone plus noise.
-std::vector<float> TestSignal(int frames) {
-  std::mt19937 rng(1);
-  std::normal_distribution<float> noise(0.0f, 0.01f);
-  std::vector<float> x(static_cast<std::size_t>(frames) * kHop);
-  double phase = 0.0;
-  for (std::size_t n = 0; n < x.size(); ++n) {
-    phase += 2.0 * 3.14159265358979 * (200.0 + 100.0 * std::sin(n * 1e-4)) / CORVINA_IN_SAMPLE_RATE;
-    x[n] = static_cast<float>(0.3 * std::sin(phase) + 0.1 * std::sin(2 * phase) + 0.05 * std::sin(3 * phase)) +
-           noise(rng);
-  }
-  return x;
-}
-
-void FillRandomWeights(CorvinaPitchEstimator* model) {
-  std::mt19937 rng(2);
-  auto* halves = reinterpret_cast<std::uint16_t*>(reinterpret_cast<std::uint8_t*>(model) + 64);
-  for (std::size_t i = 0; i < CORVINA_PITCH_ESTIMATOR_PARAMETER_BYTES / 2; ++i)
-    halves[i] = static_cast<std::uint16_t>((rng() % 2) << 15 | (7 + rng() % 6) << 10 | rng() % 1024);
-}
 
 struct Timings {
   const char* name;
@@ -65,10 +44,9 @@ double Microseconds(F&& f) {
 
 int main() {
   using namespace corvina;
-  CorvinaPitchEstimator* model = Corvina_CreatePitchEstimator();
-  FillRandomWeights(model);
+  auto* model = reinterpret_cast<CorvinaPitchEstimator*>(synthetic::RandomPitchModel(2).release());
   CorvinaPitchContext1* context = Corvina_CreatePitchContext1();
-  const std::vector<float> signal = TestSignal(kWarmUp + kFrames);
+  const std::vector<float> signal = synthetic::SpeechLikeSignal(kWarmUp + kFrames, 1);
   std::int32_t pitch;
   float features[CORVINA_PITCH_FEATURES];
 

@@ -15,7 +15,7 @@
 //   cmake --build build/perf --target bench_streams &&
 //   build/perf/bench/bench_streams [--streams S] [--threads T] [--seconds N] [--mode batch|single|both]
 //                                [--sweep] [--json PATH] [phone.bin pitch.bin generator.bin]
-// Without files the weights are small random halves.
+// Without files the weights are the shared random models.
 #include <algorithm>
 #include <chrono>
 #include <cstdint>

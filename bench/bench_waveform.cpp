@@ -15,6 +15,7 @@
 #include <random>
 #include <vector>
 
+#include "bench/speech_and_random_models.h"
 #include "engine/corvina.h"
 #include "engine/kernels.h"
 #include "waveform/waveform_kernels.h"
@@ -44,15 +45,6 @@ Summary Summarise(std::vector<double> micros) {
 void Print(const char* what, const Summary& s) {
   std::printf("%s: median %.1f us/frame, p99 %.1f us/frame, real-time factor %.1f (%d frames)\n", what, s.median,
               s.p99, 10000.0 / s.median, kFrames);
-}
-
-// Halves of magnitude 2^-9 to 2^-4 over the tensors; the creation tables after them stay.
-void FillRandom(WaveformGeneratorBlock* model) {
-  auto* halves = reinterpret_cast<f16*>(model);
-  std::mt19937 rng(1);
-  std::uniform_int_distribution<int> exponent(6, 10), mantissa(0, 1023), sign(0, 1);
-  for (std::size_t i = 0; i < offsetof(WaveformGeneratorBlock, window) / sizeof(f16); ++i)
-    halves[i] = static_cast<f16>((sign(rng) << 15) | (exponent(rng) << 10) | mantissa(rng));
 }
 
 struct Frame {
@@ -141,17 +133,11 @@ void BenchChain(const CorvinaWaveformGenerator* generator, const char* phone_pat
   CorvinaPitchContext1* pitch_context = Corvina_CreatePitchContext1();
   CorvinaWaveformContext1* context = Corvina_CreateWaveformContext1();
 
-  // A gliding tone with noise, so the pitch path sees changing bins.
+  const std::vector<float> signal = synthetic::SpeechLikeSignal(kWarmUp + kFrames, 3);
   std::mt19937 rng(3);
-  std::normal_distribution<float> noise(0.0f, 0.02f);
-  std::vector<float> signal(static_cast<std::size_t>(kWarmUp + kFrames) * CORVINA_IN_HOP_LENGTH);
-  double phase = 0.0;
-  for (std::size_t i = 0; i < signal.size(); ++i) {
-    phase += 2.0 * 3.14159265358979 * (120.0 + 80.0 * std::sin(static_cast<double>(i) * 2e-5)) / 16000.0;
-    signal[i] = 0.3f * static_cast<float>(std::sin(phase)) + noise(rng);
-  }
+  std::normal_distribution<float> normal(0.0f, 0.3f);
   std::vector<float> speaker(kChannels);
-  for (float& v : speaker) v = 0.3f * noise(rng) / 0.02f;
+  for (float& v : speaker) v = normal(rng);
   float phone[kChannels], pitch_features[CORVINA_PITCH_FEATURES], output[kOutHop];
   std::int32_t pitch_bin = 0;
   std::vector<double> micros;
@@ -175,13 +161,14 @@ void BenchChain(const CorvinaWaveformGenerator* generator, const char* phone_pat
 }  // namespace
 
 int main(int argc, char** argv) {
-  CorvinaWaveformGenerator* generator = Corvina_CreateWaveformGenerator();
-  auto* model = reinterpret_cast<WaveformGeneratorBlock*>(generator);
+  CorvinaWaveformGenerator* generator;
   if (argc > 1) {
+    generator = Corvina_CreateWaveformGenerator();
     Corvina_ReadWaveformGeneratorParameters(generator, argv[1]);
   } else {
-    FillRandom(model);
+    generator = reinterpret_cast<CorvinaWaveformGenerator*>(synthetic::RandomWaveformModel(1).release());
   }
+  auto* model = reinterpret_cast<WaveformGeneratorBlock*>(generator);
   std::printf("weights: %s\n", argc > 1 ? argv[1] : "random");
   BenchGenerator(model);
   if (argc > 3) BenchChain(generator, argv[2], argv[3]);

@@ -8,7 +8,6 @@
 #include <utility>
 
 #include "../phone/phone_kernels.h"
-#include "../pitch/depthwise_conv33.h"
 #include "../pitch/pitch_network.h"
 #include "../waveform/dilated_causal_conv.h"
 #include "../waveform/waveform_kernels.h"

@@ -8,7 +8,6 @@
 #include <utility>
 
 #include "../phone/phone_kernels.h"
-#include "../pitch/depthwise_conv33.h"
 #include "../pitch/pitch_network.h"
 #include "../waveform/dilated_causal_conv.h"
 #include "../waveform/waveform_kernels.h"
@@ -53,11 +52,6 @@ void DenseLayerN(const Dense256Weights& weights, const float* const* x, DenseSlo
 void CausalConv7LayerN(const CausalConv7Weights& weights, const float* const* x, CausalConv7Slot* const* slots,
                        int n) {
   for (int s = 0; s < n; ++s) CausalConv7Layer(weights, x[s], slots[s]);
-}
-
-void ResidualConvBlockN(const ResidualConvBlockWeights& weights, const float* const* x,
-                        ResidualConvBlockSlot* const* slots, int n) {
-  for (int s = 0; s < n; ++s) ResidualConvBlock(weights, x[s], slots[s]);
 }
 
 template <int N, int T, int K, int D>

@@ -41,8 +41,7 @@ void NormalizationCoefficients(const float* x, int n, float* r, float* s);
   /* Normalise, then x * scale + shift as one fused multiply-add. */                                     \
   void NormalizeScaleShift(float* x, const f16* scale, const f16* shift, int n);                        \
   float* DenseLayer(const Dense256Weights& weights, const float* x, DenseSlot* slot);                    \
-  float* CausalConv7Layer(const CausalConv7Weights& weights, const float* x, CausalConv7Slot* slot);     \
-  void ResidualConvBlock(const ResidualConvBlockWeights& weights, const float* x, ResidualConvBlockSlot* slot);
+  float* CausalConv7Layer(const CausalConv7Weights& weights, const float* x, CausalConv7Slot* slot);
 
 // Batches: the same layer for n streams (1 <= n <= kMaxBatch), stream s with
 // its own input x[s] and its own slot or output y[s]. Each panel's weights are
@@ -68,8 +67,10 @@ constexpr int kMaxSweepSteps = 16 * kMaxBatch;
   void DenseLayerN(const Dense256Weights& weights, const float* const* x, DenseSlot* const* slots, int n); \
   void CausalConv7LayerN(const CausalConv7Weights& weights, const float* const* x, CausalConv7Slot* const* slots, \
                          int n);                                                                         \
-  void ResidualConvBlockN(const ResidualConvBlockWeights& weights, const float* const* x,                \
-                          ResidualConvBlockSlot* const* slots, int n);
+  /* Every shape of the residual block (engine/shared_layout.h); defined where the networks are. */      \
+  template <int C, int H, int T>                                                                         \
+  void ResidualConvBlockN(const ResidualConvWeights<C, H, T>& weights, const float* const* x,            \
+                          ResidualConvSlot<C, H, T>* const* slots, int n);
 
 // The vector sets' tanh against the library's (vector_kernels.inc).
 namespace avx2 {

@@ -6,7 +6,7 @@
 #include <cstring>
 
 #include "../phone/phone_kernels.h"
-#include "../pitch/depthwise_conv33.h"
+#include "../pitch/pitch_layout.h"
 #include "../waveform/dilated_causal_conv.h"
 #include "../waveform/waveform_kernels.h"
 #include "activations_scalar.h"
@@ -17,23 +17,6 @@ namespace corvina {
 namespace scalar {
 
 // --- The shared layers ---
-
-// The depthwise convolution over a ring of the last Past inputs (oldest at
-// *position) and x: per channel from the bias, taps oldest first; then x
-// takes the oldest slot. ResidualConvBlock and the pitch estimator's
-// DepthwiseConv33 share it.
-template <int Channels, int Past>
-void DepthwiseRing(const f16* weight, const f16* bias, const float* x, float (*ring)[Channels], std::int32_t* position,
-                   float* out) {
-  const int p = *position;
-  for (int c = 0; c < Channels; ++c) {
-    float sum = HalfToFloat(bias[c]);
-    for (int t = 0; t < Past; ++t) sum = std::fma(HalfToFloat(weight[t * Channels + c]), ring[(p + t) % Past][c], sum);
-    out[c] = std::fma(HalfToFloat(weight[Past * Channels + c]), x[c], sum);
-  }
-  std::memcpy(ring[p], x, sizeof ring[p]);
-  *position = (p + 1) % Past;
-}
 
 void PanelAccumulate(const f16* weight, const float* x, float* y, int outputs, int inputs) {
   for (int o = 0; o < outputs; ++o) {
@@ -95,16 +78,39 @@ float* CausalConv7Layer(const CausalConv7Weights& weights, const float* x, Causa
   return slot->output;
 }
 
-void ResidualConvBlock(const ResidualConvBlockWeights& weights, const float* x, ResidualConvBlockSlot* slot) {
-  constexpr int kPast = kResidualTaps - 1;
-  float* m = slot->mixed;
-  DepthwiseRing<kChannels, kPast>(weights.depthwise, weights.depthwise_bias, x, slot->history, &slot->position, m);
-  Normalize(m, kChannels);
-  PanelProduct(weights.expand, weights.expand_bias, m, slot->hidden, kHiddenChannels, kChannels);
-  GeluInPlace(slot->hidden, kHiddenChannels);
-  PanelProduct(weights.project, weights.project_bias, slot->hidden, slot->output, kChannels, kHiddenChannels);
-  for (int c = 0; c < kChannels; ++c) slot->output[c] += x[c];
+// Every shape of the residual block, a stream at a time: the depthwise
+// convolution over the ring of the last T - 1 inputs (oldest at position) and
+// x, per channel from the bias, taps oldest first; x then takes the oldest
+// slot. Normalisation, expansion with GELU, projection, plus x.
+template <int C, int H, int T>
+void ResidualConvBlockN(const ResidualConvWeights<C, H, T>& weights, const float* const* xs,
+                        ResidualConvSlot<C, H, T>* const* slots, int n) {
+  constexpr int kPast = T - 1;
+  for (int s = 0; s < n; ++s) {
+    const float* x = xs[s];
+    ResidualConvSlot<C, H, T>* slot = slots[s];
+    const int p = slot->position;
+    float* m = slot->mixed;
+    for (int c = 0; c < C; ++c) {
+      float sum = HalfToFloat(weights.depthwise_bias[c]);
+      for (int t = 0; t < kPast; ++t)
+        sum = std::fma(HalfToFloat(weights.depthwise[t * C + c]), slot->history[(p + t) % kPast][c], sum);
+      m[c] = std::fma(HalfToFloat(weights.depthwise[kPast * C + c]), x[c], sum);
+    }
+    std::memcpy(slot->history[p], x, sizeof slot->history[p]);
+    slot->position = (p + 1) % kPast;
+    Normalize(m, C);
+    PanelProduct(weights.expand, weights.expand_bias, m, slot->hidden, H, C);
+    GeluInPlace(slot->hidden, H);
+    PanelProduct(weights.project, weights.project_bias, slot->hidden, slot->output, C, H);
+    for (int c = 0; c < C; ++c) slot->output[c] += x[c];
+  }
 }
+
+// The networks (isa_scalar.cpp) use these shapes.
+template void ResidualConvBlockN(const ResidualConvBlockWeights&, const float* const*, ResidualConvBlockSlot* const*,
+                                 int);
+template void ResidualConvBlockN(const PitchBlockWeights&, const float* const*, PitchBlockSlot* const*, int);
 
 // --- The phone extractor's own kernels ---
 // Front-end convolutions: one output at a time, taps outer, input channels
@@ -159,13 +165,6 @@ void StridedConvLayer(const f16* weight, const float* input, float* previous, fl
 void RecurrentGates(RecurrentRecord* record) {
   GatedRecurrentUpdate(record->input_gates, record->state_gates, record->state, kChannels);
   std::memcpy(record->output, record->state, sizeof record->output);
-}
-
-// --- The pitch estimator's depthwise convolution (33 taps) ---
-
-void DepthwiseConv33(const PitchBlockWeights& weights, const float* x, PitchBlockState* state, float* out) {
-  DepthwiseRing<kPitchWidth, kPitchDepthwiseTaps - 1>(weights.depthwise, weights.depthwise_bias, x, state->ring,
-                                                      &state->index, out);
 }
 
 // --- The waveform generator's dilated causal convolution ---

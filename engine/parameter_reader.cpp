@@ -97,13 +97,4 @@ void ReadCausalConv7(CausalConv7Weights* layer, ParameterReader& reader) {
   reader.Read(layer->bias, sizeof layer->bias);
 }
 
-void ReadResidualConvBlock(ResidualConvBlockWeights* layer, ParameterReader& reader) {
-  reader.ReadTapMajor(layer->depthwise, kChannels, kResidualTaps);
-  reader.Read(layer->depthwise_bias, sizeof layer->depthwise_bias);
-  reader.ReadPanel32(layer->expand, kHiddenChannels, kChannels);
-  reader.Read(layer->expand_bias, sizeof layer->expand_bias);
-  reader.ReadPanel32(layer->project, kChannels, kHiddenChannels);
-  reader.Read(layer->project_bias, sizeof layer->project_bias);
-}
-
 }  // namespace corvina

@@ -46,6 +46,15 @@ void RetileTapMajor(f16* weight, int channels, int taps);
 void ReadDense256(Dense256Weights* layer, ParameterReader& reader);
 void ReadDense768(Dense768Weights* layer, ParameterReader& reader);
 void ReadCausalConv7(CausalConv7Weights* layer, ParameterReader& reader);
-void ReadResidualConvBlock(ResidualConvBlockWeights* layer, ParameterReader& reader);
+// Any shape of the residual block (the pitch estimator's as well).
+template <int C, int H, int T>
+void ReadResidualConvBlock(ResidualConvWeights<C, H, T>* layer, ParameterReader& reader) {
+  reader.ReadTapMajor(layer->depthwise, C, T);
+  reader.Read(layer->depthwise_bias, sizeof layer->depthwise_bias);
+  reader.ReadPanel32(layer->expand, H, C);
+  reader.Read(layer->expand_bias, sizeof layer->expand_bias);
+  reader.ReadPanel32(layer->project, C, H);
+  reader.Read(layer->project_bias, sizeof layer->project_bias);
+}
 
 }  // namespace corvina

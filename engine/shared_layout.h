@@ -34,22 +34,25 @@ struct alignas(64) CausalConv7Weights {
 static_assert(sizeof(CausalConv7Weights) == 918016, "causal convolution, kernel 7");
 static_assert(offsetof(CausalConv7Weights, bias) == 917504, "");
 
+// A residual convolution block: a depthwise causal convolution of Taps taps
+// over Channels, normalisation, an expansion to Hidden with GELU, a
+// projection back, plus the block's input. The phone extractor and waveform
+// generator run it at 256/768 channels and 17 taps, the pitch estimator at
+// 192/576 and 33 (pitch/pitch_layout.h).
+template <int Channels, int Hidden, int Taps>
+struct alignas(64) ResidualConvWeights {
+  static_assert(Channels % 64 == 0 && Hidden % kPanel == 0, "whole vector groups and panels");
+  f16 depthwise[Taps * Channels];  // TapMajor: [Taps][Channels]
+  f16 depthwise_bias[Channels];
+  f16 expand[Hidden * Channels];  // Panel32, Hidden x Channels
+  f16 expand_bias[Hidden];
+  f16 project[Channels * Hidden];  // Panel32, Channels x Hidden
+  f16 project_bias[Channels];
+};
+
 constexpr int kResidualTaps = 17;
 constexpr int kHiddenChannels = 768;
-struct alignas(64) ResidualConvBlockWeights {
-  f16 depthwise[kResidualTaps * kChannels];  // TapMajor: [17][256]
-  f16 depthwise_bias[kChannels];
-  f16 expand[kHiddenChannels * kChannels];  // Panel32, 768 x 256
-  f16 expand_bias[kHiddenChannels];
-  f16 project[kChannels * kHiddenChannels];  // Panel32, 256 x 768
-  f16 project_bias[kChannels];
-};
-static_assert(sizeof(ResidualConvBlockWeights) == 797696, "residual convolution block");
-static_assert(offsetof(ResidualConvBlockWeights, depthwise_bias) == 8704, "");
-static_assert(offsetof(ResidualConvBlockWeights, expand) == 9216, "");
-static_assert(offsetof(ResidualConvBlockWeights, expand_bias) == 402432, "");
-static_assert(offsetof(ResidualConvBlockWeights, project) == 403968, "");
-static_assert(offsetof(ResidualConvBlockWeights, project_bias) == 797184, "");
+using ResidualConvBlockWeights = ResidualConvWeights<kChannels, kHiddenChannels, kResidualTaps>;
 
 // Per-stream slots. A zeroed slot is silence before the stream, position 0.
 struct alignas(64) DenseSlot {
@@ -67,18 +70,35 @@ static_assert(sizeof(CausalConv7Slot) == 7232, "");
 static_assert(offsetof(CausalConv7Slot, output) == 6144, "");
 static_assert(offsetof(CausalConv7Slot, position) == 7168, "");
 
-struct alignas(64) ResidualConvBlockSlot {
-  float history[kResidualTaps - 1][kChannels];  // ring of the last sixteen inputs
-  float mixed[kChannels];                       // depthwise output, normalised in place
+// The block's ring holds the last Taps - 1 inputs, oldest at `position`.
+template <int Channels, int Hidden, int Taps>
+struct alignas(64) ResidualConvSlot {
+  static_assert(Taps * Channels % 16 == 0, "position starts a cache line");
+  float history[Taps - 1][Channels];
+  float mixed[Channels];  // depthwise output, normalised in place
   std::int32_t position;
   std::uint8_t reserved[60];
-  float hidden[kHiddenChannels];
-  float output[kChannels];
+  float hidden[Hidden];
+  float output[Channels];
 };
-static_assert(sizeof(ResidualConvBlockSlot) == 21568, "");
-static_assert(offsetof(ResidualConvBlockSlot, mixed) == 16384, "");
-static_assert(offsetof(ResidualConvBlockSlot, position) == 17408, "");
-static_assert(offsetof(ResidualConvBlockSlot, hidden) == 17472, "");
-static_assert(offsetof(ResidualConvBlockSlot, output) == 20544, "");
+
+using ResidualConvBlockSlot = ResidualConvSlot<kChannels, kHiddenChannels, kResidualTaps>;
+
+// For every shape: the weights lie end to end in file order, and the slot's
+// ring index starts the cache line after the depthwise output.
+template <int C, int H, int T>
+constexpr bool ResidualConvLayoutHolds() {
+  using W = ResidualConvWeights<C, H, T>;
+  using S = ResidualConvSlot<C, H, T>;
+  constexpr std::size_t h = sizeof(f16), f = sizeof(float);
+  return offsetof(W, depthwise_bias) == h * T * C && offsetof(W, expand) == h * (T + 1) * C &&
+         offsetof(W, expand_bias) == h * ((T + 1) * C + H * C) &&
+         offsetof(W, project) == h * ((T + 1) * C + H * C + H) &&
+         offsetof(W, project_bias) == h * ((T + 1) * C + 2 * H * C + H) && offsetof(S, mixed) == f * (T - 1) * C &&
+         offsetof(S, position) == f * T * C && offsetof(S, hidden) == f * T * C + 64 &&
+         offsetof(S, output) == f * (T * C + H) + 64;
+}
+static_assert(ResidualConvLayoutHolds<kChannels, kHiddenChannels, kResidualTaps>(), "residual convolution block");
+static_assert(sizeof(ResidualConvBlockWeights) == 797696 && sizeof(ResidualConvBlockSlot) == 21568, "");
 
 }  // namespace corvina

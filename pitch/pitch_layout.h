@@ -5,6 +5,7 @@
 
 #include "../engine/corvina.h"
 #include "../engine/half.h"
+#include "../engine/shared_layout.h"
 
 namespace corvina {
 
@@ -23,20 +24,11 @@ struct alignas(64) Dense192Weights {
 };
 static_assert(sizeof(Dense192Weights) == 74112, "");
 
-struct alignas(64) PitchBlockWeights {
-  f16 depthwise[kPitchDepthwiseTaps * kPitchWidth];  // TapMajor [33][192]
-  f16 depthwise_bias[kPitchWidth];
-  f16 expand[kPitchExpanded * kPitchWidth];  // Panel32, 576 x 192
-  f16 expand_bias[kPitchExpanded];
-  f16 project[kPitchWidth * kPitchExpanded];  // Panel32, 192 x 576
-  f16 project_bias[kPitchWidth];
-};
-static_assert(sizeof(PitchBlockWeights) == 456960, "");
-static_assert(offsetof(PitchBlockWeights, depthwise_bias) == 12672, "");
-static_assert(offsetof(PitchBlockWeights, expand) == 13056, "");
-static_assert(offsetof(PitchBlockWeights, expand_bias) == 234240, "");
-static_assert(offsetof(PitchBlockWeights, project) == 235392, "");
-static_assert(offsetof(PitchBlockWeights, project_bias) == 456576, "");
+// The blocks are the shared residual convolution block at 192/576 channels and 33 taps.
+using PitchBlockWeights = ResidualConvWeights<kPitchWidth, kPitchExpanded, kPitchDepthwiseTaps>;
+using PitchBlockSlot = ResidualConvSlot<kPitchWidth, kPitchExpanded, kPitchDepthwiseTaps>;
+static_assert(ResidualConvLayoutHolds<kPitchWidth, kPitchExpanded, kPitchDepthwiseTaps>(), "pitch block");
+static_assert(sizeof(PitchBlockWeights) == 456960 && sizeof(PitchBlockSlot) == 28480, "");
 
 struct alignas(64) PitchEstimatorBlock {
   std::uint8_t lead[64];  // never filled from the file; stays zero
@@ -84,33 +76,18 @@ struct alignas(64) PitchFrontEndState {
 };
 static_assert(sizeof(PitchFrontEndState) == 4608, "");
 
-struct alignas(64) PitchBlockState {
-  float ring[32][kPitchWidth];  // block inputs of the 32 previous frames
-  std::int32_t index;           // slot of the oldest
-  std::uint8_t reserved[60];
-};
-static_assert(sizeof(PitchBlockState) == 24640, "");
-
-struct alignas(64) PitchBlockScratch {
-  float mixed[kPitchWidth];  // depthwise output, normalised in place
-  float expanded[kPitchExpanded];
-  float output[kPitchWidth];
-};
-static_assert(sizeof(PitchBlockScratch) == 3840, "");
-
 struct alignas(64) PitchContext {
   PitchFrontEndState front;
   float input_ring[2][kPitchWidth];  // input-stage outputs of the two previous frames
   std::int32_t input_ring_index;     // slot of the older one
   std::uint8_t reserved0[60];
-  PitchBlockState block_states[kPitchBlocks];
+  PitchBlockSlot blocks[kPitchBlocks];  // rings and the blocks' scratch
   // Scratch of the current frame.
   float spectral_hidden[kPitchWidth];
   float input_stage[kPitchWidth];
   float lag_hidden[kPitchWidth];
   float lag_stage[kPitchWidth];
   float conv_output[kPitchWidth];
-  PitchBlockScratch blocks[kPitchBlocks];
   float output_norm[kPitchWidth];
   float scores[kPitchBins];
   // Outputs of the last frame.
@@ -121,9 +98,9 @@ struct alignas(64) PitchContext {
 };
 static_assert(sizeof(PitchContext) == 184768, "PitchContext1");
 static_assert(offsetof(PitchContext, input_ring) == 4608, "");
-static_assert(offsetof(PitchContext, block_states) == 6208, "");
-static_assert(offsetof(PitchContext, spectral_hidden) == 154048, "");
-static_assert(offsetof(PitchContext, blocks) == 157888, "");
+static_assert(offsetof(PitchContext, blocks) == 6208, "");
+static_assert(offsetof(PitchContext, spectral_hidden) == 177088, "");
+static_assert(offsetof(PitchContext, output_norm) == 180928, "");
 static_assert(offsetof(PitchContext, quantized_pitch) == 183232, "");
 
 }  // namespace corvina

@@ -26,14 +26,7 @@ void ReadPitchEstimatorParameters(PitchEstimatorBlock* model, const char* path) 
   reader.Read(model->temporal_conv_bias, sizeof model->temporal_conv_bias);
   reader.Read(model->input_norm_scale, sizeof model->input_norm_scale);
   reader.Read(model->input_norm_shift, sizeof model->input_norm_shift);
-  for (auto& block : model->blocks) {
-    reader.ReadTapMajor(block.depthwise, kPitchWidth, kPitchDepthwiseTaps);
-    reader.Read(block.depthwise_bias, sizeof block.depthwise_bias);
-    reader.ReadPanel32(block.expand, kPitchExpanded, kPitchWidth);
-    reader.Read(block.expand_bias, sizeof block.expand_bias);
-    reader.ReadPanel32(block.project, kPitchWidth, kPitchExpanded);
-    reader.Read(block.project_bias, sizeof block.project_bias);
-  }
+  for (auto& block : model->blocks) ReadResidualConvBlock(&block, reader);
   reader.Read(model->output_norm_scale, sizeof model->output_norm_scale);
   reader.Read(model->output_norm_shift, sizeof model->output_norm_shift);
   reader.ReadPanel32(model->head, kPitchBins, kPitchWidth);

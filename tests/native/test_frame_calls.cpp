@@ -14,7 +14,6 @@
 #include "phone/phone_kernels.h"
 #include "pitch/pitch_layout.h"
 #include "waveform/waveform_kernels.h"
-#include "test_phone_support.h"
 #include "test_waveform_support.h"
 
 using namespace waveform_test;
@@ -46,11 +45,10 @@ std::uint64_t SteadyAllocations(int outputs, Frame frame) {
 }
 
 TEST(phone_frames_write_256_features_read_the_model_and_allocate_nothing) {
-  Rng rng(check::Seed());
   auto model = RandomPhoneModel(check::Seed());
   const auto before = Bytes(*model);
   CorvinaPhoneContext1* context = Corvina_CreatePhoneContext1();
-  const std::vector<float> signal = RandomFloats((kWarmUp + kFrames) * kPhoneHop, 0.3f, rng);
+  const std::vector<float> signal = SpeechLikeSignal(kWarmUp + kFrames, check::Seed());
   const auto allocations = SteadyAllocations(kChannels, [&](int f, float* output) {
     Corvina_ExtractPhone1(reinterpret_cast<const CorvinaPhoneExtractor*>(model.get()), &signal[f * kPhoneHop],
                           output, context);
@@ -61,15 +59,10 @@ TEST(phone_frames_write_256_features_read_the_model_and_allocate_nothing) {
 }
 
 TEST(pitch_frames_write_a_bin_and_4_features_read_the_model_and_allocate_only_fft_buffers) {
-  Rng rng(check::Seed());
-  auto model = NewBlock<PitchEstimatorBlock>();
-  // Moderate random weights (|w| in 2^-8 .. 2^-3), vectors included.
-  auto* halves = reinterpret_cast<std::uint16_t*>(reinterpret_cast<std::uint8_t*>(model.get()) + 64);
-  for (std::size_t i = 0; i < CORVINA_PITCH_ESTIMATOR_PARAMETER_BYTES / 2; ++i)
-    halves[i] = static_cast<std::uint16_t>((rng() % 2) << 15 | (7 + rng() % 6) << 10 | rng() % 1024);
+  auto model = RandomPitchModel(check::Seed());
   const auto before = Bytes(*model);
   CorvinaPitchContext1* context = Corvina_CreatePitchContext1();
-  const std::vector<float> signal = RandomFloats((kWarmUp + kFrames) * kPhoneHop, 0.17f, rng);
+  const std::vector<float> signal = SpeechLikeSignal(kWarmUp + kFrames, check::Seed());
   const auto allocations = SteadyAllocations(CORVINA_PITCH_FEATURES, [&](int f, float* features) {
     std::int32_t bin = -1;
     Corvina_EstimatePitch1(reinterpret_cast<const CorvinaPitchEstimator*>(model.get()), &signal[f * kPhoneHop], &bin,
@@ -84,7 +77,7 @@ TEST(pitch_frames_write_a_bin_and_4_features_read_the_model_and_allocate_only_ff
 
 TEST(waveform_frames_write_240_samples_take_overlapping_arrays_and_allocate_only_in_the_fft) {
   Rng rng(check::Seed());
-  auto model = RandomModel(check::Seed());
+  auto model = RandomWaveformModel(check::Seed());
   const auto before = Bytes(*model);
   const auto* api = reinterpret_cast<const CorvinaWaveformGenerator*>(model.get());
   CorvinaWaveformContext1* context = Corvina_CreateWaveformContext1();

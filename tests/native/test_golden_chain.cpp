@@ -17,7 +17,6 @@
 #include "pitch/pitch_decoder.h"
 #include "pitch/pitch_network.h"
 #include "pitch/spectral_front_end.h"
-#include "test_phone_support.h"
 #include "test_waveform_support.h"
 #include "waveform/waveform_kernels.h"
 
@@ -27,51 +26,6 @@ namespace {
 
 constexpr int kFrames = 200;
 constexpr int kHop = CORVINA_IN_HOP_LENGTH;
-
-void FillScale(f16* out, int n, Rng& rng) { FillHalves(out, n, 0.2f, rng, 1.0f); }
-
-Block<PitchEstimatorBlock> RandomPitchModel(Rng& rng) {
-  auto m = NewBlock<PitchEstimatorBlock>();
-  for (Dense192Weights* d : {&m->spectral_in, &m->spectral_hidden, &m->lag_hidden}) {
-    FillMatrix(d->weight, kPitchWidth, 1.0f, rng);
-    FillHalves(d->bias, kPitchWidth, 0.1f, rng);
-  }
-  FillMatrix(m->lag_in, kLags, 1.0f, rng);
-  FillHalves(m->lag_in_bias, kPitchWidth, 0.1f, rng);
-  FillMatrix(m->temporal_conv, 3 * kPitchWidth, 1.0f, rng);
-  FillHalves(m->temporal_conv_bias, kPitchWidth, 0.1f, rng);
-  FillScale(m->input_norm_scale, kPitchWidth, rng);
-  FillHalves(m->input_norm_shift, kPitchWidth, 0.1f, rng);
-  for (auto& b : m->blocks) {
-    FillMatrix(b.depthwise, kPitchDepthwiseTaps, 1.0f, rng);
-    FillHalves(b.depthwise_bias, kPitchWidth, 0.1f, rng);
-    FillMatrix(b.expand, kPitchWidth, 1.0f, rng);
-    FillHalves(b.expand_bias, kPitchExpanded, 0.1f, rng);
-    FillMatrix(b.project, kPitchExpanded, 0.7f, rng);
-    FillHalves(b.project_bias, kPitchWidth, 0.1f, rng);
-  }
-  FillScale(m->output_norm_scale, kPitchWidth, rng);
-  FillHalves(m->output_norm_shift, kPitchWidth, 0.1f, rng);
-  FillMatrix(m->head, kPitchWidth, 3.0f, rng);
-  FillHalves(m->head_bias, kPitchBins, 0.1f, rng);
-  return m;
-}
-
-// A gliding voiced tone with harmonics and noise, a stretch of exact silence
-// every 50 frames.
-std::vector<float> SpeechLikeSignal(Rng& rng) {
-  std::vector<float> x(static_cast<std::size_t>(kFrames) * kHop, 0.0f);
-  std::normal_distribution<float> noise(0.0f, 0.02f);
-  double phase = 0.0;
-  for (std::size_t i = 0; i < x.size(); ++i) {
-    const int frame = static_cast<int>(i / kHop);
-    phase += 2.0 * 3.14159265358979 * (110.0 + 90.0 * std::sin(static_cast<double>(i) * 3e-5)) / 16000.0;
-    if (frame % 50 >= 44) continue;
-    const float level = 0.3f * (0.6f + 0.4f * std::sin(0.21f * static_cast<float>(frame)));
-    x[i] = level * static_cast<float>(std::sin(phase) + 0.5 * std::sin(3.0 * phase)) + noise(rng);
-  }
-  return x;
-}
 
 struct FrameOutputs {
   float phone[kChannels];
@@ -147,8 +101,9 @@ int FirstDifference(const std::vector<FrameOutputs>& a, const std::vector<FrameO
 
 TEST(every_kernel_set_reproduces_the_scalar_chain_bit_for_bit) {
   Rng rng(check::Seed());
-  Models models{RandomPhoneModel(rng), RandomPitchModel(rng), RandomModel(check::Seed() + 1)};
-  const std::vector<float> signal = SpeechLikeSignal(rng);
+  Models models{RandomPhoneModel(check::Seed()), RandomPitchModel(check::Seed() + 1),
+                RandomWaveformModel(check::Seed() + 2)};
+  const std::vector<float> signal = SpeechLikeSignal(kFrames, check::Seed() + 3);
   const std::vector<float> speaker = RandomFloats(kChannels, 0.5f, rng);
   const std::vector<FrameOutputs> expected = ScalarChain(models, signal, speaker.data());
 
@@ -213,11 +168,12 @@ bool Present(int stream, int frame) { return (stream - 5 * frame + 5 * kStreams 
 
 TEST(batched_calls_give_every_stream_its_one_stream_outputs_on_every_kernel_set) {
   Rng rng(check::Seed() + 7);
-  Models models{RandomPhoneModel(rng), RandomPitchModel(rng), RandomModel(check::Seed() + 8)};
+  Models models{RandomPhoneModel(check::Seed() + 7), RandomPitchModel(check::Seed() + 8),
+                RandomWaveformModel(check::Seed() + 9)};
   auto* phone_model = reinterpret_cast<const CorvinaPhoneExtractor*>(models.phone.get());
   auto* pitch_model = reinterpret_cast<const CorvinaPitchEstimator*>(models.pitch.get());
   auto* waveform_model = reinterpret_cast<const CorvinaWaveformGenerator*>(models.waveform.get());
-  const std::vector<float> signal = SpeechLikeSignal(rng);
+  const std::vector<float> signal = SpeechLikeSignal(kFrames, check::Seed() + 10);
   const std::vector<float> speakers = RandomFloats(kStreams * kChannels, 0.5f, rng);
   // Stream s hears the signal from its own starting frame, at its own level.
   const auto input = [&](std::vector<float>& x, int s, int f) {

@@ -16,7 +16,6 @@
 #include "engine/kernel_set.h"
 #include "engine/kernels.h"
 #include "phone/phone_kernels.h"
-#include "pitch/depthwise_conv33.h"
 #include "test_waveform_support.h"
 #include "waveform/waveform_kernels.h"
 #include "waveform/dilated_causal_conv.h"
@@ -208,14 +207,6 @@ std::vector<float> ActivationInputs(Rng& rng, std::size_t n) {
     std::memcpy(rv.get(), rs.get(), sizeof(RecurrentRecord));                                                    \
     scalar::RecurrentGates(rs.get()), ns::RecurrentGates(rv.get());                                              \
     CHECK_MSG(SameBits(rs.get(), rv.get(), sizeof(RecurrentRecord)), "%s RecurrentGates", name);                 \
-    auto ss = NewBlock<PitchContext>(), sv = NewBlock<PitchContext>();                                           \
-    for (int frame = 0; frame < 70; ++frame) { /* two turns of the 32-slot ring */                               \
-      alignas(64) float out_s[kPitchWidth], out_v[kPitchWidth];                                                  \
-      scalar::DepthwiseConv33(pitch->blocks[0], x.data() + frame, &ss->block_states[0], out_s);                 \
-      ns::DepthwiseConv33(pitch->blocks[0], x.data() + frame, &sv->block_states[0], out_v);                     \
-      CHECK_MSG(SameFloats(out_s, out_v, kPitchWidth), "%s DepthwiseConv33 frame %d", name, frame);             \
-    }                                                                                                            \
-    CHECK(SameBits(&ss->block_states[0], &sv->block_states[0], sizeof(PitchBlockState)));                       \
     float hist_s[6][kStage2Channels], hist_v[6][kStage2Channels];                                                \
     std::memcpy(hist_s, b.data(), sizeof hist_s), std::memcpy(hist_v, b.data(), sizeof hist_v);                  \
     std::int32_t pos_s = 4, pos_v = 4;                                                                           \
@@ -237,9 +228,6 @@ TEST(short_kernels_match_past_the_clamps) {
   const std::vector<float> a = RandomFloats(n, 4.0f, rng), b = RandomFloats(n, 1.0f, rng);
   std::vector<f16> halves(n);
   FillHalves(halves.data(), n, 60.0f, rng);
-  auto pitch = NewBlock<PitchEstimatorBlock>();
-  test_support::RandomHalves(pitch->blocks[0].depthwise, std::size(pitch->blocks[0].depthwise), rng, 30);
-  test_support::RandomHalves(pitch->blocks[0].depthwise_bias, kPitchWidth, rng, 30);
   auto wave = NewBlock<WaveformGeneratorBlock>();
   FillHalves(&wave->logmag_conv[0][0][0], sizeof wave->logmag_conv / sizeof(f16), 0.1f, rng);
   FillHalves(wave->logmag_bias, kSpectrumValues, 3.0f, rng);

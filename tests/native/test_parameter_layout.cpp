@@ -88,11 +88,9 @@ struct TensorList {
   void Dense(int out, int in) { Add(kPanel32, out, in), Vector(out); }
 };
 
-void AddResidualConvBlock(TensorList& list) {
-  list.Add(kTapMajor, 256, 1, 17);
-  list.Vector(256);
-  list.Dense(768, 256);
-  list.Dense(256, 768);
+void AddResidualConvBlock(TensorList& list, int channels, int hidden, int taps) {
+  list.Add(kTapMajor, channels, 1, taps), list.Vector(channels);
+  list.Dense(hidden, channels), list.Dense(channels, hidden);
 }
 
 TEST(phone_extractor_tensors_land_in_place) {
@@ -107,7 +105,7 @@ TEST(phone_extractor_tensors_land_in_place) {
   for (int k = 0; k < 6; ++k) list.Dense(768, 256);
   list.Add(kTapPanel32, 256, 256, 7), list.Vector(256);
   list.Vector(256), list.Vector(256);
-  for (int k = 0; k < 8; ++k) AddResidualConvBlock(list);
+  for (int k = 0; k < 8; ++k) AddResidualConvBlock(list, 256, 768, 17);
   list.Vector(256), list.Vector(256);
   list.Dense(256, 256);
   CHECK(list.offset == 10847744);
@@ -137,10 +135,7 @@ TEST(pitch_estimator_tensors_land_in_place) {
   list.Dense(192, 192), list.Dense(192, 192), list.Dense(192, 256), list.Dense(192, 192);
   list.Add(kTapPanel32, 192, 192, 3), list.Vector(192);
   list.Vector(192), list.Vector(192);
-  for (int k = 0; k < 6; ++k) {
-    list.Add(kTapMajor, 192, 1, 33), list.Vector(192);
-    list.Dense(576, 192), list.Dense(192, 576);
-  }
+  for (int k = 0; k < 6; ++k) AddResidualConvBlock(list, 192, 576, 33);
   list.Vector(192), list.Vector(192);
   list.Dense(384, 192);
   CHECK(list.offset == 3434176);
@@ -164,7 +159,7 @@ TEST(waveform_generator_tensors_land_in_place_and_tables_stay) {
   list.Dense(256, 4);
   list.Add(kTapPanel32, 256, 256, 7), list.Vector(256);
   list.Vector(256), list.Vector(256);
-  for (int k = 0; k < 4; ++k) AddResidualConvBlock(list);
+  for (int k = 0; k < 4; ++k) AddResidualConvBlock(list, 256, 768, 17);
   list.Vector(256), list.Vector(256);
   list.Add(kTapPanel32, 256, 256, 7), list.Vector(256);
   list.Add(kTapPanel32, 128, 256, 10), list.Vector(128);
