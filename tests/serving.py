@@ -65,7 +65,7 @@ def stream_blocks(address, start, blocks, controls=(), fmt="f32le", headers=None
     return (np.concatenate(out) if out else np.zeros(0, dtype)), texts
 
 
-def close_reason(address, messages, headers=None, pause=0.0):
+def close_reason(address, messages, headers=None):
     """Send the messages (text or bytes) and read until the server closes;
     returns its close code and reason (None, "" if it never did)."""
     from websockets.exceptions import ConnectionClosed
@@ -73,7 +73,6 @@ def close_reason(address, messages, headers=None, pause=0.0):
         try:
             for message in messages:
                 ws.send(message)
-                time.sleep(pause)
             while True:
                 ws.recv(timeout=10)
         except ConnectionClosed as closed:
