@@ -9,9 +9,9 @@ import time
 import numpy as np
 import pytest
 
-from serving import close_reason, connect, running_server, stream_blocks
+from test_server import (CASES, SEED, assert_offline, close_reason, connect, in_threads, running_server,
+                         stream_blocks, stream_case)
 from corvina_tools.server.protocol import Limits
-from test_server import CASES, SEED, assert_offline, in_threads, stream_case
 
 START = json.dumps({"type": "start"})
 S16 = json.dumps({"type": "start", "format": "s16le"})
