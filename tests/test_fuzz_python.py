@@ -233,10 +233,6 @@ def raises_like(expected, call, message=None):
     return str(caught.value)
 
 
-
-
-
-
 BAD_PATHS = [("a\0b", ValueError), (b"a\0b", ValueError), (FsPath("a\0b"), ValueError), (3, TypeError),
              (None, TypeError), (bytearray(b"x"), TypeError), (FsPath(3), TypeError)]
 

@@ -10,7 +10,7 @@ import pytest
 import soundfile as sf
 import soxr
 
-from serving import running_server
+from test_server import running_server
 from corvina_tools import Converter
 
 webdriver = pytest.importorskip("selenium.webdriver", reason="the browser test drives Chromium with selenium")

@@ -126,25 +126,27 @@ def _refusal_while_busy(model, attempt, context=None):
     return message
 
 
-def test_model_reading_and_reinitialising_are_refused_while_calls_run(model_dir):
+def test_objects_in_use_refuse_to_be_read_reinitialised_or_batched(model_dir):
+    """While calls run on a context: the model refuses reading and
+    re-initialising, the context re-initialising, a batch that holds it the
+    batch; idle again, all are allowed."""
     path = os.path.join(model_dir, "phone_extractor.bin")
     model = corvina.PhoneExtractor()
     model.read_parameters(path)
-    busy = "model is in use by a running call"
-    assert _refusal_while_busy(model, lambda: model.read_parameters(path)) == busy
-    assert _refusal_while_busy(model, model.__init__) == busy
-    # Idle again: both are allowed.
+    busy, x = model.new_context(1), np.zeros((3, 160), np.float32)
+    batch = [model.new_context(1), busy, model.new_context(1)]
+    for attempt, message in [(lambda: model.read_parameters(path), "model is in use by a running call"),
+                             (model.__init__, "model is in use by a running call"),
+                             (lambda: busy.__init__(1), "context is in use by another call"),
+                             (lambda: model.batch(x, batch), "context is in use by another call")]:
+        assert _refusal_while_busy(model, attempt, busy) == message
+    # The claim on batch[0], taken before the refusal, was released with it.
+    assert model.batch(x, batch).shape == (3, 256)
+    busy.__init__(2)  # leaves no engine block
+    with pytest.raises(ValueError, match="^length != 1$"):
+        model(np.zeros(160, np.float32), busy)
     model.__init__()
     model.read_parameters(path)
-
-
-def test_context_reinitialising_is_refused_while_a_call_uses_it(models):
-    context = models.phone.new_context(1)
-    message = _refusal_while_busy(models.phone, lambda: context.__init__(1), context)
-    assert message == "context is in use by another call"
-    context.__init__(2)  # idle: allowed, and leaves no engine block
-    with pytest.raises(ValueError, match="^length != 1$"):
-        models.phone(np.zeros(160, np.float32), context)
 
 
 class Sneaky:

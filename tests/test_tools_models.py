@@ -1,5 +1,6 @@
-"""Model sets: every loading error is a ModelError before the engine sees
-the file; `info` on single files."""
+"""Model sets: every loading error is a ModelError naming the path given,
+before the engine sees the file, and the file checked is the file read;
+`info` on single files."""
 import os
 import shutil
 
@@ -7,8 +8,10 @@ import numpy as np
 import pytest
 
 import corvina
-from corvina_tools import ModelError, ModelSet
+from corvina_tools import ModelError, ModelSet, model_set
 from corvina_tools.info import describe
+from corvina_tools.speech import speech_frames
+from signals import Chain
 
 SIZES = {"phone_extractor.bin": corvina._PHONE_EXTRACTOR_PARAMETER_BYTES,
          "pitch_estimator.bin": corvina._PITCH_ESTIMATOR_PARAMETER_BYTES,
@@ -23,10 +26,15 @@ def model_copy(model_dir, tmp_path):
 BREAKS = {"missing": lambda p: p.unlink(), "short": lambda p: os.truncate(p, p.stat().st_size - 1),
           "long": lambda p: os.truncate(p, p.stat().st_size + 1), "empty": lambda p: os.truncate(p, 0),
           "odd speakers": lambda p: os.truncate(p, 1000), "directory": lambda p: (p.unlink(), p.mkdir()),
-          "fifo": lambda p: (p.unlink(), os.mkfifo(p)), "NaN": lambda p: p.write_bytes(b"\xff" * p.stat().st_size)}
+          "fifo": lambda p: (p.unlink(), os.mkfifo(p)), "NaN": lambda p: p.write_bytes(b"\xff" * p.stat().st_size),
+          "link to a short file": lambda p: (p.unlink(), (p.parent / "x.bin").write_bytes(bytes(1000)),
+                                             p.symlink_to(p.parent / "x.bin")),
+          "dangling link": lambda p: (p.unlink(), p.symlink_to(p.parent / "x.bin")),
+          "link loop": lambda p: (p.unlink(), p.symlink_to(p))}
 CASES = ([(name, how) for name in SIZES for how in ("missing", "short", "long", "directory")]
          + [("speaker_embeddings.bin", how) for how in ("missing", "empty", "odd speakers", "fifo")]
-         + [("pitch_estimator.bin", "fifo"), ("waveform_generator.bin", "NaN"), ("speaker_embeddings.bin", "NaN")])
+         + [("pitch_estimator.bin", how) for how in ("fifo", "link to a short file", "dangling link", "link loop")]
+         + [("waveform_generator.bin", "NaN"), ("speaker_embeddings.bin", "NaN")])
 
 
 @pytest.mark.parametrize("name,how", CASES)
@@ -44,7 +52,9 @@ def test_every_bad_file_is_a_model_error_naming_it(model_copy, name, how):
     found = {"missing": "no such file", "short": f"{SIZES.get(name, 0) - 1} bytes",
              "long": f"{SIZES.get(name, 0) + 1} bytes", "empty": "0 bytes", "odd speakers": "1000 bytes",
              "directory": "a directory", "fifo": "not a regular file",
-             "NaN": f"{SIZES.get(name, 1536) // 2} non-finite values"}[how]
+             "NaN": f"{SIZES.get(name, 1536) // 2} non-finite values", "link to a short file": "1000 bytes",
+             "dangling link": "no such file",
+             "link loop": "a file that cannot be opened (Too many levels of symbolic links)"}[how]
     assert error.found == found
     assert str(path) in str(error) and expected in str(error)
     lines, ok = describe(str(model_copy))
@@ -78,3 +88,25 @@ def test_info_recognises_single_files_by_size_and_flags_bad_values(model_copy, t
         f.write(np.array([np.nan, np.inf], "<f2").tobytes())
     lines, ok = describe(str(model_copy / "pitch_estimator.bin"))
     assert not ok and "2 non-finite values" in lines[1]
+
+
+def test_the_checked_file_is_the_one_read(models, model_copy, monkeypatch):
+    """A file replaced under its name after the check would make the engine
+    abort; the engine is handed the checked, still open file instead."""
+    real_open_checked = model_set.open_checked
+
+    def open_then_swap(path, model_file):
+        fd = real_open_checked(path, model_file)
+        if model_file.kind == "waveform":
+            swap = str(path) + ".swap"
+            with open(swap, "wb") as f:
+                f.write(b"\0" * 10)  # would be "Too small file." and an abort
+            os.replace(swap, path)
+        return fd
+
+    monkeypatch.setattr(model_set, "open_checked", open_then_swap)
+    swapped = ModelSet.load(model_copy)
+    assert os.path.getsize(model_copy / "waveform_generator.bin") == 10
+    x = speech_frames(5, seed=17)
+    a, b = Chain(swapped), Chain(models)
+    np.testing.assert_array_equal(np.concatenate([a(r) for r in x]), np.concatenate([b(r) for r in x]))

@@ -8,14 +8,12 @@ stands for the zeroed history of a fresh stream.
 """
 import numpy as np
 
+from .layers import causal_conv, dense, gelu, gru, normalise, residual_block
+
 HOP = 160
 CHANNELS = 256
 RESIDUAL_BLOCKS = 8
 RECURRENT_LAYERS = 3
-# Single-precision constants of the activations and norms, widened.
-NORM_EPS = float(np.float32(1e-5))
-GELU_C = float(np.float32(0.7978846))
-GELU_A = float(np.float32(0.044715))
 
 # Faults an engine could plausibly have; used to show the comparison
 # tolerance is discriminating.
@@ -26,32 +24,6 @@ FAULTS = (
     "reverse_depthwise_taps",   # kernel-17 taps meet frames newest-first
     "drop_front_carry",         # convs 2-5 forget the previous frame's position
 )
-
-
-def gelu(x):
-    return 0.5 * x * (1.0 + np.tanh(GELU_C * (x + GELU_A * x ** 3)))
-
-
-def sigmoid(x):
-    return 1.0 / (1.0 + np.exp(-x))
-
-
-# The recurrent gates' tanh is kept apart from the GELU's: the engine
-# approximates only the gate activations.
-gate_tanh = np.tanh
-
-
-def normalise(x, scale=None, shift=None):
-    """Per-row normalisation over channels; epsilon joins E[x^2] first."""
-    mean = x.mean(axis=-1, keepdims=True)
-    var = (x * x).mean(axis=-1, keepdims=True) + NORM_EPS - mean * mean
-    r = 1.0 / np.sqrt(var)
-    y = x * r - mean * r
-    return y if scale is None else scale * y + shift
-
-
-def dense(x, w, b):
-    return x @ w.T + b
 
 
 def strided_conv(x, w, stride, pad):
@@ -83,45 +55,6 @@ def front_end(params, signal, fault=None):
     return gelu(strided_conv(x, params["front.5.weight"], stride=2, pad=0))
 
 
-def gru_layer(v, wi, bi, wh, bh, fault=None):
-    """One gated recurrent layer over the sequence v[T, 256]; returns h[T, 256]."""
-    gi = dense(v, wi, bi)
-    h = np.zeros(CHANNELS)
-    out = np.empty((len(v), CHANNELS))
-    c = CHANNELS
-    for f in range(len(v)):
-        gh = wh @ h + bh
-        r = sigmoid(gi[f, :c] + gh[:c])
-        z = sigmoid(gi[f, c:2 * c] + gh[c:2 * c])
-        if fault == "swap_reset_update":
-            r, z = z, r
-        if fault == "reset_after_bias":
-            n = gate_tanh(gi[f, 2 * c:] + r * (gh[2 * c:] - bh[2 * c:]) + bh[2 * c:])
-        else:
-            n = gate_tanh(gi[f, 2 * c:] + r * gh[2 * c:])
-        h = (1.0 - z) * n + z * h
-        out[f] = h
-    return out
-
-
-def causal_conv(x, w, b):
-    """y[f] = b + sum_t w[:, :, t] x[f - (k-1) + t]: the last tap is the current frame."""
-    k = w.shape[2]
-    xp = np.concatenate([np.zeros((k - 1, x.shape[1])), x])
-    return b + sum(xp[t:t + len(x)] @ w[:, :, t].T for t in range(k))
-
-
-def residual_block(params, k, x, fault=None):
-    d = params[f"blocks.{k}.depthwise.weight"][:, 0]  # [256 ch, 17 taps]
-    if fault == "reverse_depthwise_taps":
-        d = d[:, ::-1]
-    taps = d.shape[1]
-    xp = np.concatenate([np.zeros((taps - 1, CHANNELS)), x])
-    m = params[f"blocks.{k}.depthwise.bias"] + sum(d[:, t] * xp[t:t + len(x)] for t in range(taps))
-    h = gelu(dense(normalise(m), params[f"blocks.{k}.pointwise1.weight"], params[f"blocks.{k}.pointwise1.bias"]))
-    return dense(h, params[f"blocks.{k}.pointwise2.weight"], params[f"blocks.{k}.pointwise2.bias"]) + x
-
-
 def extract_phone(params, signal, fault=None):
     """Phone features [n_frames, 256] for a whole stream of 160-sample frames.
 
@@ -135,14 +68,14 @@ def extract_phone(params, signal, fault=None):
     u = dense(normalise(front_end(p, s, fault)), p["input_dense.weight"], p["input_dense.bias"])
     v = u
     for l in range(RECURRENT_LAYERS):
-        v = gru_layer(v, p[f"gru.weight_ih_l{l}"], p[f"gru.bias_ih_l{l}"],
-                      p[f"gru.weight_hh_l{l}"], p[f"gru.bias_hh_l{l}"], fault)
+        v = gru(dense(v, p[f"gru.weight_ih_l{l}"], p[f"gru.bias_ih_l{l}"]), p[f"gru.weight_hh_l{l}"],
+                p[f"gru.bias_hh_l{l}"], fault == "swap_reset_update", fault == "reset_after_bias")
     u = u + v
     w = p["causal_conv.weight"]
     if fault == "reverse_causal_taps":
         w = w[:, :, ::-1]
     x = normalise(causal_conv(u, w, p["causal_conv.bias"]), p["causal_norm.weight"], p["causal_norm.bias"])
     for k in range(RESIDUAL_BLOCKS):
-        x = residual_block(p, k, x, fault)
+        x = residual_block(p, f"blocks.{k}.", x, fault == "reverse_depthwise_taps")
     x = gelu(normalise(x, p["out_norm.weight"], p["out_norm.bias"]))
     return dense(x, p["output_dense.weight"], p["output_dense.bias"])

@@ -10,21 +10,19 @@ from collections import namedtuple
 
 import numpy as np
 
+from .layers import causal_conv, dense, gelu, normalise, residual_block
+
 HOP = 160
 HISTORY = 560
 NEWEST = 304                      # samples compared in the lag sums
 MAX_LAG = 256
 SPECTRAL_BINS = 64
-HIDDEN = 192
 BLOCKS = 6
-CONV_TAPS = 3
-DEPTHWISE_TAPS = 33
 PITCH_BINS = 384
 BINS_PER_OCTAVE = 96
 WINDOW = 48
 WINDOWS = PITCH_BINS - WINDOW + 1  # 337 window sums, j = 0..336
 LOG_EPS = 1e-5
-NORM_EPS = 1e-5
 
 FAULTS = ("conv_taps_reversed", "depthwise_taps_reversed", "lag_off_by_one", "phase_sine_negated")
 
@@ -66,61 +64,17 @@ def front_end(signal, fault=None):
 
 # ------------------------------------------------------------------ network
 
-def _gelu(x):
-    return 0.5 * x + 0.5 * x * np.tanh(0.7978846 * (x + 0.044715 * x ** 3))
-
-
-def _norm(x, scale=None, shift=None):
-    mean = x.sum(axis=-1, keepdims=True) / HIDDEN
-    var = (x * x).sum(axis=-1, keepdims=True) / HIDDEN + NORM_EPS - mean * mean
-    r = 1.0 / np.sqrt(var)
-    y = x * r - mean * r
-    return y if scale is None else y * scale + shift
-
-
-def _dense(x, w, b):
-    return x @ w.T + b
-
-
-def _causal(seq, taps):
-    """Per tap k of `taps`, the sequence of frames it meets: frame t - (taps - 1 - k), zero before the start."""
-    padded = np.vstack([np.zeros((taps - 1, seq.shape[1]), seq.dtype), seq])
-    return [padded[k: k + len(seq)] for k in range(taps)]
-
-
-def network(params, spectral, lag, fault=None, dtype=np.float64):
-    """Scores (n, 384) for a whole stream of front-end features.
-
-    dtype=np.float32 runs every step in single precision; tests use that as
-    a stand-in for the engine's rounding.
-    """
-    p = {name: np.asarray(value, dtype=dtype) for name, value in params.items()}
-    spectral = np.asarray(spectral, dtype=dtype)
-    lag = np.asarray(lag, dtype=dtype)
-
-    a = _gelu(_dense(spectral, p["spectral_in.weight"], p["spectral_in.bias"]))
-    h = _dense(a, p["spectral_out.weight"], p["spectral_out.bias"])
-    c = _gelu(_dense(lag, p["lag_in.weight"], p["lag_in.bias"]))
-    h = h + _dense(c, p["lag_out.weight"], p["lag_out.bias"])
-
-    # Tap 0 meets the frame two ago, tap 2 the current one.
-    planes = [p["conv.weight"][:, :, t] for t in range(CONV_TAPS)]
-    if fault == "conv_taps_reversed":
-        planes = planes[::-1]
-    y = p["conv.bias"] + sum(past @ plane.T for past, plane in zip(_causal(h, CONV_TAPS), planes))
-    x = _norm(y, p["conv_norm.weight"], p["conv_norm.bias"])
-
+def network(params, spectral, lag, fault=None):
+    """Scores (n, 384) for a whole stream of front-end features."""
+    p = {name: np.asarray(value, dtype=np.float64) for name, value in params.items()}
+    h = dense(gelu(dense(spectral, p["spectral_in.weight"], p["spectral_in.bias"])),
+              p["spectral_out.weight"], p["spectral_out.bias"])
+    h = h + dense(gelu(dense(lag, p["lag_in.weight"], p["lag_in.bias"])), p["lag_out.weight"], p["lag_out.bias"])
+    w = p["conv.weight"][:, :, ::-1] if fault == "conv_taps_reversed" else p["conv.weight"]
+    x = normalise(causal_conv(h, w, p["conv.bias"]), p["conv_norm.weight"], p["conv_norm.bias"])
     for n in range(BLOCKS):
-        kernel = p[f"blocks.{n}.depthwise.weight"][:, 0]  # (channel, tap); tap 0 meets 32 frames ago
-        if fault == "depthwise_taps_reversed":
-            kernel = kernel[:, ::-1]
-        u = p[f"blocks.{n}.depthwise.bias"] + sum(
-            past * kernel[:, t] for t, past in enumerate(_causal(x, DEPTHWISE_TAPS)))
-        z = _gelu(_dense(_norm(u), p[f"blocks.{n}.pointwise1.weight"], p[f"blocks.{n}.pointwise1.bias"]))
-        x = x + _dense(z, p[f"blocks.{n}.pointwise2.weight"], p[f"blocks.{n}.pointwise2.bias"])
-
-    x = _norm(x, p["out_norm.weight"], p["out_norm.bias"])
-    return _dense(x, p["head.weight"], p["head.bias"])
+        x = residual_block(p, f"blocks.{n}.", x, fault == "depthwise_taps_reversed")
+    return dense(normalise(x, p["out_norm.weight"], p["out_norm.bias"]), p["head.weight"], p["head.bias"])
 
 
 # ------------------------------------------------------------------ decoder
@@ -156,10 +110,10 @@ def decode(scores):
 PitchOutputs = namedtuple("PitchOutputs", "spectral lag loudness scores pitch features window window_sums")
 
 
-def estimate_pitch(params, signal, fault=None, dtype=np.float64):
+def estimate_pitch(params, signal, fault=None):
     """Whole-stream reference: per-frame features, scores, pitch and pitch features."""
     spectral, lag, loudness = front_end(signal, fault)
-    scores = network(params, spectral, lag, fault, dtype)
+    scores = network(params, spectral, lag, fault)
     decoded = [decode(row) for row in scores]
     pitch = np.array([d.pitch for d in decoded], dtype=np.int64)
     features = np.column_stack([loudness] + [[getattr(d, f) for d in decoded]

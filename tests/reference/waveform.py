@@ -12,12 +12,12 @@ speaker (n, 256). Output: n * 240 samples at 24 kHz.
 """
 import numpy as np
 
-HIDDEN = 256
+from .layers import causal_conv, gru, normalise, residual_block, silu
+
 HOP = 240
 STAGE1_CHANNELS, STAGE1_STEPS = 128, 5
 STAGE2_CHANNELS, STAGE2_STEPS = 64, 15
 BANDS, BINS, FFT_LEN, FFT_HOP, MERGE_TAPS = 4, 9, 16, 4, 63
-GRU_HIDDEN = 128
 STACK_KERNELS = (3, 7, 11)
 # Dilation of the six convolutions of one residual block, in file order.
 STACK_DILATIONS = (1, 1, 3, 1, 5, 1)
@@ -35,54 +35,7 @@ FAULTS = (
 )
 
 
-# ---------------------------------------------------------------- activations
-
-def sigmoid(x):
-    return 0.5 * (1.0 + np.tanh(0.5 * x))
-
-
-def silu(x):
-    return x * sigmoid(x)
-
-
-def gelu_tanh(x):
-    return 0.5 * x * (1.0 + np.tanh(0.7978845608028654 * (x + 0.044715 * x**3)))
-
-
 # ---------------------------------------------------------------- frame network
-
-def causal_conv(x, weight, bias, dilation=1):
-    """Causal convolution over a (T, in) sequence; weight [out][in][k].
-
-    Tap k meets step t - (K - 1 - k) * dilation: the last tap is the newest.
-    """
-    k_size = weight.shape[2]
-    pad = (k_size - 1) * dilation
-    xp = np.concatenate([np.zeros((pad, x.shape[1])), x])
-    taps = np.ascontiguousarray(weight.transpose(2, 1, 0))   # [k][in][out] for fast products
-    y = np.broadcast_to(bias, (len(x), weight.shape[0])).copy()
-    for k in range(k_size):
-        y += xp[k * dilation: k * dilation + len(x)] @ taps[k]
-    return y
-
-
-def _normalise(x):
-    mean = x.mean(axis=1, keepdims=True)
-    var = (x * x).mean(axis=1, keepdims=True) + 1e-5 - mean**2
-    r = 1.0 / np.sqrt(var)
-    return x * r - mean * r
-
-
-def _residual_conv_block(x, p, j):
-    pre = f"blocks.{j}."
-    depthwise = p[pre + "depthwise.weight"][:, 0]      # [ch][17], tap 16 newest
-    xp = np.concatenate([np.zeros((16, HIDDEN)), x])
-    m = np.broadcast_to(p[pre + "depthwise.bias"], x.shape).copy()
-    for t in range(17):
-        m += depthwise[:, t] * xp[t: t + len(x)]
-    h = gelu_tanh(_normalise(m) @ p[pre + "pointwise1.weight"].T + p[pre + "pointwise1.bias"])
-    return h @ p[pre + "pointwise2.weight"].T + p[pre + "pointwise2.bias"] + x
-
 
 def frame_network(p, phone, qpitch, pfeat, speaker):
     """Frame-rate network: (n, 256) activated output of the post-convolution."""
@@ -90,11 +43,10 @@ def frame_network(p, phone, qpitch, pfeat, speaker):
          + p["pitch_embedding.weight"][np.asarray(qpitch)]
          + pfeat @ p["pitch_feat_proj.weight"].T + p["pitch_feat_proj.bias"]
          + speaker)
-    x = causal_conv(silu(x), p["pre_conv.weight"], p["pre_conv.bias"])
-    x = _normalise(x) * p["norm1.weight"] + p["norm1.bias"]
+    x = normalise(causal_conv(silu(x), p["pre_conv.weight"], p["pre_conv.bias"]), p["norm1.weight"], p["norm1.bias"])
     for j in range(4):
-        x = _residual_conv_block(x, p, j)
-    x = _normalise(x) * p["norm2.weight"] + p["norm2.bias"]
+        x = residual_block(p, f"blocks.{j}.", x)
+    x = normalise(x, p["norm2.weight"], p["norm2.bias"])
     return silu(causal_conv(x, p["post_conv.weight"], p["post_conv.bias"]))
 
 
@@ -137,29 +89,12 @@ def residual_stack(x, p, stage):
 
 # ---------------------------------------------------------------- synthesis
 
-def phase_states(p, x, fault=None):
-    """Phase recurrent unit over the (T, 64) sub-steps: (T, 128) states."""
-    w_hh, b_hh = p["gru.weight_hh_l0"], p["gru.bias_hh_l0"]
-    gi_all = x @ p["gru.weight_ih_l0"].T + p["gru.bias_ih_l0"]
-    first, second = (1, 0) if fault == "gru_gates_swapped" else (0, 1)
-    g = GRU_HIDDEN
-    h = np.zeros(g)
-    states = np.empty((len(x), g))
-    for s, gi in enumerate(gi_all):
-        gh = w_hh @ h + b_hh
-        r = sigmoid(gi[first * g:(first + 1) * g] + gh[first * g:(first + 1) * g])
-        z = sigmoid(gi[second * g:(second + 1) * g] + gh[second * g:(second + 1) * g])
-        n = np.tanh(gi[2 * g:] + r * gh[2 * g:])
-        h = (1.0 - z) * n + z * h
-        states[s] = h
-    return states
-
-
 def spectra(p, x, fault=None):
     """Complex spectra (T, 36): magnitudes from the log-magnitude convolution,
     directions from pairs of the recurrent state."""
     magnitude = np.exp(causal_conv(x, p["logmag.weight"], p["logmag.bias"]))
-    h = phase_states(p, x, fault)
+    h = gru(x @ p["gru.weight_ih_l0"].T + p["gru.bias_ih_l0"], p["gru.weight_hh_l0"], p["gru.bias_hh_l0"],
+            fault == "gru_gates_swapped")
     c = h[:, 0:72:2] + 1j * h[:, 1:72:2]
     return c * magnitude / (np.abs(c) + PHASE_EPS)
 
