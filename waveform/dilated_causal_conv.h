@@ -38,7 +38,7 @@ template <int N, int T, int K, int D>
 void DilatedCausalConv(const DilatedConvWeights<N, K>& weights, const float* input,
                        DilatedCausalConvState<N, T, kDilatedHistory<K, D>>* state);
 }
-namespace avx2 {  // dilated_causal_conv_fast.inc
+namespace avx2 {  // dilated_causal_conv_vector.inc
 template <int N, int T, int K, int D>
 void DilatedCausalConv(const DilatedConvWeights<N, K>& weights, const float* input,
                        DilatedCausalConvState<N, T, kDilatedHistory<K, D>>* state);

@@ -27,7 +27,7 @@ namespace {
 // Finite halves of random bit patterns with magnitudes below 4, subnormals included.
 void RandomHalves(f16* out, std::size_t n, Rng& rng) { test_support::RandomHalves(out, n, rng, 16); }
 
-// One fast build's entry points, so each check runs over every supported build.
+// One vector set's entry points, so each check runs over every supported set.
 struct FastBuild {
   const char* name;
   KernelSet set;
