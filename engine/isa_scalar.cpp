@@ -196,7 +196,6 @@ void DilatedCausalConv(const DilatedConvWeights<N, K>& weights, const float* inp
   RecordFrame(input, state);
 }
 
-CORVINA_INSTANTIATE_DILATED_CONVS
 
 // --- The waveform generator's element-wise and synthesis kernels ---
 // The stages built from them are in residual_stack.inc,
