@@ -319,13 +319,10 @@ void CausalConv7LayerN(const CausalConv7Weights& weights, const float* const* x,
   for (int s = 0; s < n; ++s) CausalConv7Layer(weights, x[s], slots[s]);
 }
 
-// The streams of `each`, each one's input and state named by `conv` (waveform/residual_stack.inc).
-template <int N, int T, int K, int D, typename Each, typename Conv>
-void DilatedCausalConvN(const DilatedConvWeights<N, K>& weights, const Each& each, Conv conv) {
-  each([&](const float* x, auto* block) {
-    const auto [input, state] = conv(x, block);
-    DilatedCausalConv<N, T, K, D>(weights, input, state);
-  });
+template <int N, int T, int K, int D>
+void DilatedCausalConvN(const DilatedConvWeights<N, K>& weights, int n, const float* const* input,
+                        DilatedCausalConvState<N, T, kDilatedHistory<K, D>>* const* states) {
+  for (int s = 0; s < n; ++s) DilatedCausalConv<N, T, K, D>(weights, input[s], states[s]);
 }
 
 #include "../phone/phone_network.inc"
