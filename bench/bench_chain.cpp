@@ -146,7 +146,7 @@ SetRun RunSet(KernelSet set, const Models& models, const std::vector<float>& sig
 NetworkCost PartCost(int part) { return part < kNetworks ? kNetworkCosts[part] : ChainCost(); }
 
 // The frame's 18176 GELU values: the library tanh alone per value, and the
-// fast sets' whole GELU with the vector build of it (medians of 60).
+// vector sets' whole GELU with the vector build of it (medians of 60).
 struct GeluCosts {
   double library_tanh_us, vector_gelu_us;
 };
@@ -322,7 +322,7 @@ int main(int argc, char** argv) {
               ChainCost().weight_bytes, ChainCost().weight_bytes / 1048576.0);
   std::printf("18176 GELU values: library tanh %.1f us, GELU with the vector tanh %.1f us (%s; medians)\n",
               gelu.library_tanh_us, gelu.vector_gelu_us,
-              VectorTanhExact() ? "the fast sets use the vector tanh" : "the library differs: the fast sets call it");
+              VectorTanhExact() ? "the vector sets use the vector tanh" : "the library differs: the vector sets call it");
   if (options.json != nullptr && !WriteJson(options, models, runs, peak, gelu, load)) return 1;
   return 0;
 }

@@ -60,7 +60,7 @@ void RequireSupportedProcessor();
 // The table of the processing functions: one relaxed load per frame.
 const KernelTable& ActiveKernels();
 KernelSet ActiveKernelSet();
-// Whether the fast sets' GELU may take tanh from the vector build of the
+// Whether the vector sets' GELU may take tanh from the vector build of the
 // library's algorithm (vector_tanh.h): decided when the library loads, by
 // comparing the two over 65,536 inputs spread across all floats. Where they
 // differ (another C library), the sets call the library per value.

@@ -1,11 +1,11 @@
-// Streaming layer kernels, in three builds with identical results:
-//   scalar::       the definition, plain loops in the order that fixes the result
-//                  (a test-only library);
-//   avx2::    the engine's sweeps (sweep.inc, fast_kernels.inc): several
-//                  steps per pass over the weights, weights prefetched ahead,
-//                  GELU fused behind the product that feeds it (isa_avx2.cpp);
+// Streaming layer kernels, in three sets with identical results:
+//   scalar::  the definition, plain loops in the order that fixes the result
+//             (isa_scalar.cpp, a test-only library);
+//   avx2::    the engine's sweeps (sweep.inc, vector_kernels.inc): several
+//             steps per pass over the weights, weights prefetched ahead,
+//             GELU fused behind the product that feeds it (isa_avx2.cpp);
 //   avx512::  the same with 512-bit vectors (isa_avx512.cpp).
-// engine/kernel_set.h chooses which build the processing functions run.
+// engine/kernel_set.h chooses which set the processing functions run.
 // Every matrix product starts from the bias and accumulates with fused
 // multiply-adds over the inputs in ascending order, 32 outputs (one Panel32
 // panel) at a time. Kernels read weights and their input, and write only
@@ -31,7 +31,7 @@ void NormalizationCoefficients(const float* x, int n, float* r, float* s);
   void PanelProduct(const f16* weight, const f16* bias, const float* x, float* y, int outputs, int inputs); \
   /* In place, n a multiple of 8. */                                                                     \
   void GeluInPlace(float* x, int n);                                                                     \
-  /* The same, while fetching the next layer's weights into cache (a hint; only the fast builds use it). */ \
+  /* The same, while fetching the next layer's weights into cache (a hint; only the vector sets use it). */ \
   void GeluInPlacePrefetching(float* x, int n, const f16* next, std::size_t next_halves);                \
   /* y = GELU(bias + W x), fetching the next layer's weights meanwhile (the same hint). */               \
   void PanelProductGelu(const f16* weight, const f16* bias, const float* x, float* y, int outputs, int inputs, \
@@ -47,7 +47,7 @@ void NormalizationCoefficients(const float* x, int n, float* r, float* s);
 // its own input x[s] and its own slot or output y[s]. Each panel's weights are
 // widened once for several streams and stay in cache for the rest, so a
 // batch fetches them from memory once. Every stream's outputs are those of
-// the one-stream kernel, bit for bit. The scalar build runs the streams in
+// the one-stream kernel, bit for bit. The scalar set runs the streams in
 // turn (isa_scalar.cpp).
 constexpr int kMaxBatch = 16;
 // A sweep's steps: streams, or every position of every stream of a batch.

@@ -62,7 +62,7 @@ inline void GatedRecurrentUpdate8(const float* gi, const float* gh, float* h, in
   }
 }
 
-// The operations the width-generic kernels (fast_kernels.inc) need, on 8 lanes.
+// The operations the width-generic kernels (sweep.inc, vector_kernels.inc) need, on 8 lanes.
 struct Lanes8 {
   using V = __m256;
   static constexpr int kWidth = 8;

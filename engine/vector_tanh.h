@@ -4,10 +4,10 @@
 // single precision without fused multiply-adds; the same operations in the
 // same order on vectors give the same roundings, so every result equals the
 // library call. kernel_set.cpp confirms this against the library when it
-// loads (and the fast sets fall back to the library call where it differs);
+// loads (and the vector sets fall back to the library call where it differs);
 // tests/native/test_tanh_exhaustive.cpp compares every float on every width.
 //
-// `O` names a width's operations (vector_math_avx2.h, vector_math_avx512.h):
+// `O` names a width's operations (vector_math_avx2.h, isa_avx512.cpp):
 // float vectors V, integer vectors I and lane masks M, which may be vectors of
 // all-ones lanes or mask registers.
 #pragma once

@@ -52,7 +52,10 @@ int Corvina_ReadPitchEstimatorParameters(CorvinaPitchEstimator* model, const cha
 
 void Corvina_EstimatePitch1(const CorvinaPitchEstimator* model, const float* input, int32_t* quantized_pitch,
                             float* pitch_features, CorvinaPitchContext1* context) {
-  Corvina_EstimatePitchN(model, 1, &input, &quantized_pitch, &pitch_features, &context);
+  auto* stream = reinterpret_cast<PitchContext*>(context);
+  SpectralFrontEnd(input, &stream->front);
+  ActiveKernels().pitch_network(*reinterpret_cast<const PitchEstimatorBlock*>(model), &stream, 1);
+  DecodeInto(stream, quantized_pitch, pitch_features);
 }
 
 // Groups of up to kMaxBatch streams through the active set's network; the

@@ -63,8 +63,9 @@ int Corvina_ReadWaveformGeneratorParameters(CorvinaWaveformGenerator* model, con
 void Corvina_GenerateWaveform1(const CorvinaWaveformGenerator* model, const float* phone,
                                const int32_t* quantized_pitch, const float* pitch_features,
                                const float* speaker_embedding, float* output, CorvinaWaveformContext1* context) {
-  Corvina_GenerateWaveformN(model, 1, &phone, &quantized_pitch, &pitch_features, &speaker_embedding, &output,
-                            &context);
+  WaveformContext* stream = StoreFrame(context, phone, quantized_pitch, pitch_features, speaker_embedding);
+  ActiveKernels().generate_waveform(*reinterpret_cast<const WaveformGeneratorBlock*>(model), 1, &stream);
+  std::memcpy(output, stream->synthesis.output, sizeof(float) * kOutHop);
 }
 
 // Every stream's inputs are copied before any output is written, so any

@@ -91,7 +91,7 @@ namespace scalar {
 CORVINA_DECLARE_WAVEFORM_KERNELS
 CORVINA_DECLARE_WAVEFORM_BATCH
 }
-namespace avx2 {  // waveform_fast_avx2.cpp
+namespace avx2 {  // engine/isa_avx2.cpp
 CORVINA_DECLARE_WAVEFORM_KERNELS
 CORVINA_DECLARE_WAVEFORM_BATCH
 }

@@ -1,4 +1,4 @@
-// The fast sets' vector tanh (8 and 16 lanes) against the C library's over
+// The vector sets' tanh (8 and 16 lanes) against the C library's over
 // all 2^32 floats, bit for bit (NaN as NaN), on two threads. Left out of the sanitizer runs:
 // it is arithmetic only, and slow there.
 #include <cstdint>
