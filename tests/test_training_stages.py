@@ -13,6 +13,7 @@ torch = pytest.importorskip("torch")
 pytest.importorskip("librosa")
 
 from corvina_tools import Converter, ModelSet  # noqa: E402
+from corvina_tools.model_files import PITCH  # noqa: E402
 from corvina_tools.training.data import Corpus, CorpusError  # noqa: E402
 from corvina_tools.training.stages import make_stage  # noqa: E402
 from corvina_tools.training.trainer import train  # noqa: E402
@@ -124,4 +125,4 @@ def test_two_process_data_parallel(corpus, tmp_path):
                            "--threads", "1"], capture_output=True, text=True, timeout=300)
     assert done.returncode == 0, done.stderr[-2000:]
     assert torch.load(tmp_path / "c" / "pitch.pt", weights_only=False)["step"] == 2
-    assert (tmp_path / "m" / "pitch_estimator.bin").stat().st_size == 3434112
+    assert (tmp_path / "m" / PITCH.file_name).stat().st_size == PITCH.size
