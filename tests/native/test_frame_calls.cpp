@@ -14,11 +14,30 @@
 #include "phone/phone_kernels.h"
 #include "pitch/pitch_layout.h"
 #include "waveform/waveform_kernels.h"
-#include "test_waveform_support.h"
+#include "test_support.h"
 
-using namespace waveform_test;
+using namespace test_support;
 
 namespace {
+
+// One frame's inputs with the entry point's table of four references.
+struct FrameInputs {
+  alignas(64) float phone[kChannels];
+  alignas(64) float pitch_features[CORVINA_PITCH_FEATURES];
+  alignas(64) float speaker[kChannels];
+  std::int32_t pitch_bin = 0;
+  const void* table[4];
+
+  FrameInputs() : table{speaker, pitch_features, &pitch_bin, phone} {}
+  FrameInputs(const FrameInputs&) = delete;
+
+  void Randomize(Rng& rng) {
+    FillFloats(phone, kChannels, 1.0f, rng);
+    FillFloats(pitch_features, CORVINA_PITCH_FEATURES, 1.0f, rng);
+    FillFloats(speaker, kChannels, 0.5f, rng);
+    pitch_bin = std::uniform_int_distribution<int>(0, CORVINA_PITCH_BINS - 1)(rng);
+  }
+};
 
 constexpr int kWarmUp = 4, kFrames = 30;  // plans and caches are built on first use
 constexpr float kSentinel = -7.0f;
