@@ -14,11 +14,30 @@
 #include "phone/phone_kernels.h"
 #include "pitch/pitch_layout.h"
 #include "waveform/waveform_kernels.h"
-#include "test_waveform_support.h"
+#include "test_support.h"
 
-using namespace waveform_test;
+using namespace test_support;
 
 namespace {
+
+// One frame's inputs with the entry point's table of four references.
+struct FrameInputs {
+  alignas(64) float phone[kChannels];
+  alignas(64) float pitch_features[CORVINA_PITCH_FEATURES];
+  alignas(64) float speaker[kChannels];
+  std::int32_t pitch_bin = 0;
+  const void* table[4];
+
+  FrameInputs() : table{speaker, pitch_features, &pitch_bin, phone} {}
+  FrameInputs(const FrameInputs&) = delete;
+
+  void Randomize(Rng& rng) {
+    FillFloats(phone, kChannels, 1.0f, rng);
+    FillFloats(pitch_features, CORVINA_PITCH_FEATURES, 1.0f, rng);
+    FillFloats(speaker, kChannels, 0.5f, rng);
+    pitch_bin = std::uniform_int_distribution<int>(0, CORVINA_PITCH_BINS - 1)(rng);
+  }
+};
 
 constexpr int kWarmUp = 4, kFrames = 30;  // plans and caches are built on first use
 constexpr float kSentinel = -7.0f;
@@ -44,35 +63,29 @@ std::uint64_t SteadyAllocations(int outputs, Frame frame) {
   return allocations;
 }
 
-TEST(phone_frames_write_256_features_read_the_model_and_allocate_nothing) {
-  auto model = RandomPhoneModel(check::Seed());
-  const auto before = Bytes(*model);
-  CorvinaPhoneContext1* context = Corvina_CreatePhoneContext1();
+TEST(phone_and_pitch_frames_write_their_outputs_read_the_model_and_allocate_only_fft_buffers) {
+  auto phone = RandomPhoneModel(check::Seed());
+  auto pitch = RandomPitchModel(check::Seed());
+  const auto phone_before = Bytes(*phone), pitch_before = Bytes(*pitch);
+  CorvinaPhoneContext1* phone_context = Corvina_CreatePhoneContext1();
+  CorvinaPitchContext1* pitch_context = Corvina_CreatePitchContext1();
   const std::vector<float> signal = SpeechLikeSignal(kWarmUp + kFrames, check::Seed());
-  const auto allocations = SteadyAllocations(kChannels, [&](int f, float* output) {
-    Corvina_ExtractPhone1(reinterpret_cast<const CorvinaPhoneExtractor*>(model.get()), &signal[f * kPhoneHop],
-                          output, context);
+  const auto phone_allocations = SteadyAllocations(kChannels, [&](int f, float* output) {
+    Corvina_ExtractPhone1(reinterpret_cast<const CorvinaPhoneExtractor*>(phone.get()), &signal[f * kPhoneHop],
+                          output, phone_context);
   });
-  CHECK_MSG(allocations == 0, "%llu allocations", static_cast<unsigned long long>(allocations));
-  CHECK(Bytes(*model) == before);
-  Corvina_DestroyPhoneContext1(context);
-}
-
-TEST(pitch_frames_write_a_bin_and_4_features_read_the_model_and_allocate_only_fft_buffers) {
-  auto model = RandomPitchModel(check::Seed());
-  const auto before = Bytes(*model);
-  CorvinaPitchContext1* context = Corvina_CreatePitchContext1();
-  const std::vector<float> signal = SpeechLikeSignal(kWarmUp + kFrames, check::Seed());
-  const auto allocations = SteadyAllocations(CORVINA_PITCH_FEATURES, [&](int f, float* features) {
+  const auto pitch_allocations = SteadyAllocations(CORVINA_PITCH_FEATURES, [&](int f, float* features) {
     std::int32_t bin = -1;
-    Corvina_EstimatePitch1(reinterpret_cast<const CorvinaPitchEstimator*>(model.get()), &signal[f * kPhoneHop], &bin,
-                           features, context);
+    Corvina_EstimatePitch1(reinterpret_cast<const CorvinaPitchEstimator*>(pitch.get()), &signal[f * kPhoneHop], &bin,
+                           features, pitch_context);
     CHECK_MSG(bin >= 1 && bin < CORVINA_PITCH_BINS, "frame %d: bin %d", f, bin);
   });
-  // The FFT library takes one working buffer per transform: four per frame.
-  CHECK_MSG(allocations <= 4u * kFrames, "%llu allocations", static_cast<unsigned long long>(allocations));
-  CHECK(Bytes(*model) == before);
-  Corvina_DestroyPitchContext1(context);
+  // The FFT library takes one working buffer per transform: four a pitch frame; a phone frame runs none.
+  CHECK_MSG(phone_allocations == 0 && pitch_allocations <= 4u * kFrames, "%llu phone, %llu pitch allocations",
+            static_cast<unsigned long long>(phone_allocations), static_cast<unsigned long long>(pitch_allocations));
+  CHECK(Bytes(*phone) == phone_before && Bytes(*pitch) == pitch_before);
+  Corvina_DestroyPhoneContext1(phone_context);
+  Corvina_DestroyPitchContext1(pitch_context);
 }
 
 TEST(waveform_frames_write_240_samples_take_overlapping_arrays_and_allocate_only_in_the_fft) {
