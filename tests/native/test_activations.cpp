@@ -115,5 +115,4 @@ TEST(phase_pairs_give_directions_and_zero_pairs_give_zero) {
     }
 }
 
-
 CHECK_MAIN
