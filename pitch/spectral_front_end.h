@@ -6,14 +6,12 @@
 
 namespace corvina {
 
-constexpr int kNewestSamples = 304;  // the window every lag is compared over
-constexpr int kCorrelationOffset = kNewestSamples - 1;  // lag l sits at 303 + l
-
-// Shifts the history by one frame, then recomputes every feature.
+// Shifts the history by one frame, then recomputes every feature. The
+// definition: its four FFTs run one at a time.
 void SpectralFrontEnd(const float* input, PitchFrontEndState* state);
 
-// correlation[303 + l] = sum over m < 304 of x[256 + m] * x[256 + m - l], for
-// l = 1..256, computed by FFT (the other 304 entries are by-products).
-void LagCorrelation(const float* history, float* correlation);
+// The same for n streams, bit for bit, the FFTs of several streams sharing
+// the lanes of vector transforms (engine/fft.h).
+void SpectralFrontEndN(const float* const* inputs, PitchFrontEndState* const* states, int n);
 
 }  // namespace corvina
