@@ -50,23 +50,13 @@ void MultiplySpectra(float* a, const float* b) {
   }
 }
 
-// hypotf as the C library computes it for finite arguments: both squares in
-// double (exact), their sum, its square root, one rounding to float (glibc's
-// hypotf does exactly these operations, without fused multiply-adds). Other
-// arguments go to the library. Inline, it costs a fraction of the call.
-inline float Hypot(float x, float y) {
-  if (!(std::isfinite(x) && std::isfinite(y))) return std::hypot(x, y);
-  const double dx = x, dy = y;
-  return static_cast<float>(std::sqrt(dx * dx + dy * dy));
-}
-
 void SpectralFeatures(const float* spectrum, PitchFrontEndState* state) {
   float* log_magnitude = state->spectral;
   float* cosine = state->spectral + kSpectralBins;
   float* sine = state->spectral + 2 * kSpectralBins;
   for (int k = 0; k < kSpectralBins; ++k) {
     const float re = spectrum[2 * k], im = spectrum[2 * k + 1];
-    const float magnitude = Hypot(re, im);  // |re + i im|: the library's cabsf is its hypotf
+    const float magnitude = Hypot(re, im);  // |re + i im|
     log_magnitude[k] = static_cast<float>(std::log10(static_cast<double>(magnitude + kEpsilon)));
     // Advance since the previous frame: X times the conjugate of the previous X.
     float* previous = state->previous_spectrum[k];
