@@ -1,5 +1,6 @@
-// Spectral and lag features of the 560-sample history. Plain scalar code: the
-// four FFTs dominate, and the per-bin and per-lag loops are short.
+// Spectral and lag features of the 560-sample history. Plain scalar code but
+// for the FFTs, which dominate: the batched front end gathers the transforms
+// of up to four streams into one vector transform (engine/fft.h).
 #include "spectral_front_end.h"
 
 #include <cmath>
