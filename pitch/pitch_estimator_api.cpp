@@ -53,13 +53,14 @@ int Corvina_ReadPitchEstimatorParameters(CorvinaPitchEstimator* model, const cha
 void Corvina_EstimatePitch1(const CorvinaPitchEstimator* model, const float* input, int32_t* quantized_pitch,
                             float* pitch_features, CorvinaPitchContext1* context) {
   auto* stream = reinterpret_cast<PitchContext*>(context);
-  SpectralFrontEnd(input, &stream->front);
+  PitchFrontEndState* front = &stream->front;
+  SpectralFrontEndN(&input, &front, 1);
   ActiveKernels().pitch_network(*reinterpret_cast<const PitchEstimatorBlock*>(model), &stream, 1);
   DecodeInto(stream, quantized_pitch, pitch_features);
 }
 
-// Groups of up to kMaxBatch streams through the active set's network; the
-// front end and the decoder run per stream.
+// Groups of up to kMaxBatch streams through the front end and the active
+// set's network; the decoder runs per stream.
 void Corvina_EstimatePitchN(const CorvinaPitchEstimator* model, int32_t n, const float* const* inputs,
                             int32_t* const* quantized_pitch, float* const* pitch_features,
                             CorvinaPitchContext1* const* contexts) {
@@ -68,7 +69,9 @@ void Corvina_EstimatePitchN(const CorvinaPitchEstimator* model, int32_t n, const
   for (int32_t first = 0; first < n; first += kMaxBatch) {
     const int count = n - first < kMaxBatch ? static_cast<int>(n - first) : kMaxBatch;
     PitchContext* const* group = reinterpret_cast<PitchContext* const*>(contexts + first);
-    for (int s = 0; s < count; ++s) SpectralFrontEnd(inputs[first + s], &group[s]->front);
+    PitchFrontEndState* fronts[kMaxBatch];
+    for (int s = 0; s < count; ++s) fronts[s] = &group[s]->front;
+    SpectralFrontEndN(inputs + first, fronts, count);
     kernels.pitch_network(block, group, count);
     for (int s = 0; s < count; ++s) DecodeInto(group[s], quantized_pitch[first + s], pitch_features[first + s]);
   }

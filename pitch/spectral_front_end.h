@@ -2,18 +2,28 @@
 // history, which becomes 64 log magnitudes, 64 phase-advance cosines and sines,
 // 256 lag features and the loudness (all in PitchFrontEndState).
 #pragma once
+#include <cmath>
+
 #include "pitch_layout.h"
 
 namespace corvina {
 
-constexpr int kNewestSamples = 304;  // the window every lag is compared over
-constexpr int kCorrelationOffset = kNewestSamples - 1;  // lag l sits at 303 + l
+// The C library's hypotf, inline where the arguments are finite: both
+// squares in double (exact), their sum, its square root, one rounding to
+// float, which are glibc's operations (no fused multiply-adds). Other
+// arguments go to the library. (cabsf is hypotf of the two parts.)
+inline float Hypot(float x, float y) {
+  if (!(std::isfinite(x) && std::isfinite(y))) return std::hypot(x, y);
+  const double dx = x, dy = y;
+  return static_cast<float>(std::sqrt(dx * dx + dy * dy));
+}
 
-// Shifts the history by one frame, then recomputes every feature.
+// Shifts the history by one frame, then recomputes every feature. The
+// definition: its four FFTs run one at a time.
 void SpectralFrontEnd(const float* input, PitchFrontEndState* state);
 
-// correlation[303 + l] = sum over m < 304 of x[256 + m] * x[256 + m - l], for
-// l = 1..256, computed by FFT (the other 304 entries are by-products).
-void LagCorrelation(const float* history, float* correlation);
+// The same for n streams, bit for bit, the FFTs of several streams sharing
+// the lanes of vector transforms (engine/fft.h).
+void SpectralFrontEndN(const float* const* inputs, PitchFrontEndState* const* states, int n);
 
 }  // namespace corvina

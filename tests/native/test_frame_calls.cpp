@@ -80,8 +80,9 @@ TEST(phone_and_pitch_frames_write_their_outputs_read_the_model_and_allocate_only
                            features, pitch_context);
     CHECK_MSG(bin >= 1 && bin < CORVINA_PITCH_BINS, "frame %d: bin %d", f, bin);
   });
-  // The FFT library takes one working buffer per transform: four a pitch frame; a phone frame runs none.
-  CHECK_MSG(phone_allocations == 0 && pitch_allocations <= 4u * kFrames, "%llu phone, %llu pitch allocations",
+  // The FFT library takes one working buffer per transform call: two a pitch frame (its three forward
+  // transforms share one call); a phone frame runs none.
+  CHECK_MSG(phone_allocations == 0 && pitch_allocations <= 2u * kFrames, "%llu phone, %llu pitch allocations",
             static_cast<unsigned long long>(phone_allocations), static_cast<unsigned long long>(pitch_allocations));
   CHECK(Bytes(*phone) == phone_before && Bytes(*pitch) == pitch_before);
   Corvina_DestroyPhoneContext1(phone_context);
