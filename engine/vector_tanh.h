@@ -17,8 +17,12 @@ namespace corvina {
 namespace {  // internal linkage: each vector translation unit keeps its own copies
 
 // expm1 for the arguments tanh passes: a in [2, 44) or a in (-2, -2^-54].
+// Both are inlined into their callers' loops (GELU): as calls, every vector
+// rebuilt the two dozen constants and the loop could not overlap them.
+#define CORVINA_TANH_INLINE inline __attribute__((always_inline))
+
 template <typename O>
-typename O::V LibraryExpm1(typename O::V a) {
+CORVINA_TANH_INLINE typename O::V LibraryExpm1(typename O::V a) {
   using V = typename O::V;
   using I = typename O::I;
   using M = typename O::M;
@@ -81,7 +85,7 @@ typename O::V LibraryExpm1(typename O::V a) {
 }
 
 template <typename O>
-typename O::V LibraryTanh(typename O::V x) {
+CORVINA_TANH_INLINE typename O::V LibraryTanh(typename O::V x) {
   using V = typename O::V;
   using I = typename O::I;
   using M = typename O::M;
@@ -116,3 +120,5 @@ typename O::V LibraryTanh(typename O::V x) {
 
 }  // namespace
 }  // namespace corvina
+
+#undef CORVINA_TANH_INLINE
