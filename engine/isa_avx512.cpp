@@ -46,6 +46,7 @@ struct Lanes16 {
   static V Mul(V a, V b) { return _mm512_mul_ps(a, b); }
   static V Set(float v) { return _mm512_set1_ps(v); }
   static V Tanh(V v);  // the library's, below
+  static void Tanh2(V u0, V u1, V* t0, V* t1);  // the same on two vectors side by side
 };
 
 }  // namespace
@@ -92,6 +93,11 @@ struct TanhOps16 {
 };
 
 inline __m512 Lanes16::Tanh(__m512 v) { return LibraryTanh<TanhOps16>(v); }
+inline void Lanes16::Tanh2(__m512 u0, __m512 u1, __m512* t0, __m512* t1) {
+  const auto t = LibraryTanh<PairOps<TanhOps16>>({u0, u1});
+  *t0 = t.a;
+  *t1 = t.b;
+}
 
 }  // namespace
 }  // namespace corvina

@@ -76,6 +76,7 @@ struct Lanes8 {
   static V Mul(V a, V b) { return _mm256_mul_ps(a, b); }
   static V Set(float v) { return _mm256_set1_ps(v); }
   static V Tanh(V v);  // the library's, below
+  static void Tanh2(V u0, V u1, V* t0, V* t1);  // the same on two vectors side by side
 };
 
 }  // namespace
@@ -122,6 +123,11 @@ struct TanhOps8 {
 };
 
 inline __m256 Lanes8::Tanh(__m256 v) { return LibraryTanh<TanhOps8>(v); }
+inline void Lanes8::Tanh2(__m256 u0, __m256 u1, __m256* t0, __m256* t1) {
+  const auto t = LibraryTanh<PairOps<TanhOps8>>({u0, u1});
+  *t0 = t.a;
+  *t1 = t.b;
+}
 
 }  // namespace
 }  // namespace corvina

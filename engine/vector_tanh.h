@@ -17,8 +17,12 @@ namespace corvina {
 namespace {  // internal linkage: each vector translation unit keeps its own copies
 
 // expm1 for the arguments tanh passes: a in [2, 44) or a in (-2, -2^-54].
+// Both are inlined into their callers' loops (GELU): as calls, every vector
+// rebuilt the two dozen constants and the loop could not overlap them.
+#define CORVINA_TANH_INLINE inline __attribute__((always_inline))
+
 template <typename O>
-typename O::V LibraryExpm1(typename O::V a) {
+CORVINA_TANH_INLINE typename O::V LibraryExpm1(typename O::V a) {
   using V = typename O::V;
   using I = typename O::I;
   using M = typename O::M;
@@ -81,7 +85,7 @@ typename O::V LibraryExpm1(typename O::V a) {
 }
 
 template <typename O>
-typename O::V LibraryTanh(typename O::V x) {
+CORVINA_TANH_INLINE typename O::V LibraryTanh(typename O::V x) {
   using V = typename O::V;
   using I = typename O::I;
   using M = typename O::M;
@@ -114,5 +118,59 @@ typename O::V LibraryTanh(typename O::V x) {
   return O::Select(z, O::Mul(O::Add(O::F(1.0f), x), x), small);
 }
 
+// The operations of O on two vectors at once, op by op: LibraryTanh over a
+// pair interleaves two independent chains, which the processor overlaps
+// better than one vector after the other (a chain is long and waits on two
+// divisions). Every lane takes the same operations, so the same bits.
+template <typename O>
+struct PairOps {
+  struct V {
+    typename O::V a, b;
+  };
+  struct I {
+    typename O::I a, b;
+  };
+  struct M {
+    typename O::M a, b;
+  };
+#define CORVINA_PAIR_CONST(R, name, T) \
+  static R name(T v) { const auto one = O::name(v); return {one, one}; }
+#define CORVINA_PAIR_1(R, name, A) \
+  static R name(A x) { return {O::name(x.a), O::name(x.b)}; }
+#define CORVINA_PAIR_2(R, name, A, B) \
+  static R name(A x, B y) { return {O::name(x.a, y.a), O::name(x.b, y.b)}; }
+  CORVINA_PAIR_CONST(V, Bits, std::uint32_t)
+  CORVINA_PAIR_CONST(V, F, float)
+  CORVINA_PAIR_CONST(I, Int, std::int32_t)
+  CORVINA_PAIR_1(V, AsFloat, I)
+  CORVINA_PAIR_1(I, AsInt, V)
+  CORVINA_PAIR_1(I, ShiftLeft23, I)
+  CORVINA_PAIR_1(I, Truncate, V)
+  CORVINA_PAIR_1(V, ToFloat, I)
+  CORVINA_PAIR_1(M, Negative, V)
+  CORVINA_PAIR_2(V, Add, V, V)
+  CORVINA_PAIR_2(V, Sub, V, V)
+  CORVINA_PAIR_2(V, Mul, V, V)
+  CORVINA_PAIR_2(V, Div, V, V)
+  CORVINA_PAIR_2(V, Xor, V, V)
+  CORVINA_PAIR_2(I, AndI, I, I)
+  CORVINA_PAIR_2(I, SubI, I, I)
+  CORVINA_PAIR_2(I, ShiftRight, I, I)
+  CORVINA_PAIR_2(V, AddExponent, V, I)
+  CORVINA_PAIR_2(M, Greater, I, I)
+  CORVINA_PAIR_2(M, Equal, I, I)
+  CORVINA_PAIR_2(M, And, M, M)
+  CORVINA_PAIR_2(M, Or, M, M)
+  CORVINA_PAIR_2(I, Keep, M, I)
+#undef CORVINA_PAIR_CONST
+#undef CORVINA_PAIR_1
+#undef CORVINA_PAIR_2
+  static bool Any(M m) { return O::Any(m.a) || O::Any(m.b); }
+  static V Select(V f, V t, M m) { return {O::Select(f.a, t.a, m.a), O::Select(f.b, t.b, m.b)}; }
+  static I SelectInt(I f, I t, M m) { return {O::SelectInt(f.a, t.a, m.a), O::SelectInt(f.b, t.b, m.b)}; }
+};
+
 }  // namespace
 }  // namespace corvina
+
+#undef CORVINA_TANH_INLINE
