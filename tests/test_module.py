@@ -1,9 +1,6 @@
 """The module's public surface and the rules of its calls, one frame and
-batches alike: every documented error message once, checks before any state
-changes, the context guard before anything else, object lifecycle.
-Conversions of every kind of input are fuzzed in test_fuzz_python.py; the
-results are compared with the references, batches with each stream's own
-calls by the server tests."""
+batches alike: every error message once, checks before any state changes,
+the context guard first, object lifecycle (conversions: test_fuzz_python)."""
 import gc
 import re
 import resource

@@ -1,8 +1,6 @@
-// The exported one-frame calls of the three models: each writes exactly its
-// outputs, only reads its model block, and a steady-state frame allocates
-// nothing of its own (only the FFT library's working buffers). What they
-// compute is compared with the scalar definitions in test_golden_chain and
-// with the float64 references in the Python tests.
+// The exported one-frame calls: each writes exactly its outputs, only reads
+// its model block, and a steady-state frame allocates only the FFT library's
+// working buffers. What they compute: test_golden_chain and the references.
 #include <cstdint>
 #include <cstdlib>
 #include <vector>

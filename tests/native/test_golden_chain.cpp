@@ -1,8 +1,6 @@
-// The whole chain (phone extractor, pitch estimator, waveform generator) on
-// fixed random weights and a fixed speech-like input for 200 frames: every
-// kernel set this processor supports, run through the C interface, against
-// the chain built from the scalar kernel definitions, bit for bit. A kernel
-// change that alters any rounding anywhere shows up here.
+// The whole chain on fixed random weights and speech-like input for 200
+// frames, through the C interface on every supported kernel set, against the
+// chain built from the scalar definitions, bit for bit: any changed rounding shows.
 #include <algorithm>
 #include <cmath>
 #include <cstdio>

@@ -62,10 +62,8 @@ struct Weights {
 
 }  // namespace
 
-// The fast GELU takes its tanh from a vector build of the library's
-// algorithm (where the load-time check allowed it): over values of every
-// exponent, specials included, and a fine ramp over the range that matters,
-// it must equal the definition's library call bit for bit.
+// The fast GELU (its tanh a vector build of the library's, where the load-time
+// check allowed it) equals the definition bit for bit: every exponent, specials, a fine ramp.
 TEST(gelu_matches_the_definition_over_the_whole_float_range) {
   Rng rng(check::Seed());
   std::vector<float> x(1 << 20);
@@ -165,10 +163,8 @@ std::vector<float> ActivationInputs(Rng& rng, std::size_t n) {
   return v;
 }
 
-// The short kernels of one set (short_kernels_avx2.inc in both vector sets)
-// whose results depend on the range of their inputs; the plain sums and
-// widenings (AddInPlace, MeanOfThree, AddBias, WidenHalves) run on every
-// frame of test_golden_chain.
+// The short kernels of one set whose results depend on their inputs' range;
+// the plain sums and widenings run on every frame of test_golden_chain.
 #define CHECK_SHORT_KERNELS(ns)                                                                                  \
   do {                                                                                                           \
     const char* name = #ns;                                                                                      \
