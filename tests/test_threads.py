@@ -29,8 +29,7 @@ def step(models, kind, context, f):
     """Frame f of one model's stream as raw words; the generator's inputs
     are random rows, fixed by f."""
     if kind != "waveform":
-        out = getattr(models, kind)(STREAMS[0][f], context)
-        return bits(out)
+        return bits(getattr(models, kind)(STREAMS[0][f], context))
     rng = np.random.default_rng(f)
     phone, features = rng.standard_normal((1, 256)), rng.standard_normal((1, 4))
     return bits(models.waveform(phone, [40 * f], features, models.speakers[:1], context))
