@@ -18,16 +18,12 @@ using namespace test_support;
 
 namespace {
 
-// One frame's inputs with the entry point's table of four references.
+// One frame's inputs to the waveform generator.
 struct FrameInputs {
   alignas(64) float phone[kChannels];
   alignas(64) float pitch_features[CORVINA_PITCH_FEATURES];
   alignas(64) float speaker[kChannels];
   std::int32_t pitch_bin = 0;
-  const void* table[4];
-
-  FrameInputs() : table{speaker, pitch_features, &pitch_bin, phone} {}
-  FrameInputs(const FrameInputs&) = delete;
 
   void Randomize(Rng& rng) {
     FillFloats(phone, kChannels, 1.0f, rng);
