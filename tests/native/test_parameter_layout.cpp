@@ -3,7 +3,6 @@
 // be traced; expected positions are computed here from the tensor lists,
 // independently of the readers.
 #include <cstdint>
-#include <cstdio>
 #include <fstream>
 #include <string>
 #include <vector>
