@@ -2,6 +2,7 @@
 through a model set's three models, and a stand-in for them. The
 speech-like signal is corvina_tools.speech's."""
 import os
+import threading
 
 import numpy as np
 
@@ -44,3 +45,26 @@ class StretchChain:
     def __call__(self, frame, shift_bins, speaker_row):
         self.frames.append(frame.copy())
         return np.interp(np.arange(240) * 160 / 240, np.arange(160), frame).astype(np.float32)
+
+
+def in_threads(count, work):
+    """Runs work(k) on `count` threads started together; returns the results
+    in thread order and re-raises the first exception."""
+    barrier = threading.Barrier(count)
+    results, errors = [None] * count, []
+
+    def body(k):
+        try:
+            barrier.wait()
+            results[k] = work(k)
+        except BaseException as e:  # noqa: BLE001 - handed to the main thread
+            errors.append(e)
+
+    threads = [threading.Thread(target=body, args=(k,)) for k in range(count)]
+    for t in threads:
+        t.start()
+    for t in threads:
+        t.join()
+    if errors:
+        raise errors[0]
+    return results

@@ -1,11 +1,7 @@
-"""Bad input to every Python entry point. Whatever arrives (any shape, dtype,
-memory layout, non-finite values, wrong objects, paths of every kind) the
-call either gives exactly what the same values as a plain float32 or int32
-array give, or raises the exception the argument rules name; it never
-crashes and never leaks. Table-driven: every dtype in every layout.
-
-The oracle for conversions is numpy itself: np.array(x, dtype) performs the
-same forced cast the module asks numpy for."""
+"""Bad input to every Python entry point (any shape, dtype, layout, value,
+object or path): the call gives exactly what the values as a plain float32 or
+int32 array give, or the exception its rules name; never a crash or a leak.
+The oracle is numpy's own forced cast, np.array(x, dtype), as the module asks."""
 import gc
 import os
 import pathlib

@@ -13,18 +13,13 @@ N_FRAMES = 320             # of the phone extractor and the pitch estimator
 
 
 # ------------------------------------------------------------------ phone
-# Beyond single-precision rounding, the engine approximates only the
-# recurrent gates: sigmoid and tanh take the processor's 12-bit reciprocal
-# estimate, relative error at most 1.5 * 2**-12 = 3.7e-4. The table
-# exponential adds about r**2/2 < 6e-8 relative, float16 weights are exact on
-# both sides, and a float32 run of the whole reference differs from float64 by
-# about 3e-6. Pushing every gate value of the reference off by the full 3.7e-4
-# in one direction (the coherent worst case; random signs give under 2e-3)
-# moved the outputs, which are of order one, by at most 6.8e-3 over 320 frames
-# for both weight seeds of the references' former writer (weights at similar
-# scales). PHONE_TOL = 2e-2 keeps a factor of about three over that. On the
-# weights of write_test_model, seeds 1 and 2, the engine is within 1.2e-3, and
-# every planted fault moves the outputs by 0.37 or more, over 18 * PHONE_TOL.
+# Beyond float32 rounding (~3e-6 over the whole reference) the engine
+# approximates only the recurrent gates: sigmoid and tanh take a 12-bit
+# reciprocal estimate (relative error <= 1.5 * 2**-12 = 3.7e-4). Pushing every
+# gate of the reference off by that bound in one direction moved the order-one
+# outputs by at most 6.8e-3 over 320 frames; 2e-2 keeps a factor of three. On
+# write_test_model seeds 1 and 2 the engine is within 1.2e-3 and every planted
+# fault moves the outputs by 0.37 or more, over 18 * PHONE_TOL.
 PHONE_TOL = 2e-2
 
 
@@ -147,22 +142,15 @@ def pitch_far(engine, ref):
 
 
 # --------------------------------------------------------------- waveform
-# Tolerance on every frame: max |engine - reference| <= WAVEFORM_TOL * RMS of
-# the reference stream. The engine's dominant error is the 12-bit reciprocal
-# estimate in every SiLU, gate sigmoid and gate tanh (relative error up to
-# 1.5 * 2^-12 = 3.7e-4); float32 rounding (~6e-8 a step, ~2e-6 over the
-# longest dot products) and the table exponential (~6e-8) are far smaller.
-# Feeding that reciprocal error into this model at every activation (about a
-# dozen SiLU layers in series, then 15 recurrent steps a frame) moved the
-# output by at most 1.3e-3 RMS with independent random errors and 2.6e-3 RMS
-# with every error at the bound with the same sign (seeds 1-3 of the
-# reference's former writer, weights at similar scales; 300 frames).
-# The recurrence contracts, so the deviation does not grow along the stream,
-# and the phase pairs stay away from the origin, where a direction would be
-# ill-conditioned. 1e-2 leaves a margin of about 4 over the coherent bound.
-# On the weights of write_test_model, seeds 1 and 2, the engine's worst frame
-# is within 4.9e-4 RMS, and every planted fault below moves the median frame
-# by 0.22 RMS or more.
+# Every frame: max |engine - reference| <= WAVEFORM_TOL * RMS of the reference.
+# The dominant error is the 12-bit reciprocal estimate in every SiLU, gate
+# sigmoid and tanh (3.7e-4 relative); float32 rounding and the table
+# exponential are far smaller. That error fed in at every activation moved the
+# output by at most 1.3e-3 RMS (random signs) and 2.6e-3 RMS (all at the bound,
+# one sign) over 300 frames; the recurrence contracts and the phase pairs stay
+# away from the origin, so 1e-2 leaves a margin of about 4. On write_test_model
+# seeds 1 and 2 the worst frame is within 4.9e-4 RMS, and every planted fault
+# moves the median frame by 0.22 RMS or more.
 WAVEFORM_TOL = 1e-2
 WAVEFORM_FRAMES = 300
 SPEAKER_SWITCH = 150  # frame from which the second speaker row is used

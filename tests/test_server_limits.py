@@ -9,8 +9,9 @@ import time
 import numpy as np
 import pytest
 
-from test_server import (CASES, SEED, assert_offline, close_reason, connect, in_threads, running_server,
-                         stream_blocks, stream_case)
+from signals import in_threads
+from test_server import (CASES, SEED, assert_offline, close_reason, connect, running_server, stream_blocks,
+                         stream_case)
 from corvina_tools.server.protocol import Limits
 
 START = json.dumps({"type": "start"})
@@ -136,7 +137,7 @@ def test_fuzzed_clients_leave_other_streams_bit_identical(server):
     address, state = server
     rng = random.Random(SEED)
     good = CASES[:3]
-    results, codes = {}, []
+    codes = []
 
     def run_bad():
         for _ in range(25):
@@ -145,10 +146,9 @@ def test_fuzzed_clients_leave_other_streams_bit_identical(server):
             else:
                 codes.append(close_reason(address, fuzz_messages(rng)))
 
-    in_threads(run_bad, *(lambda k=k, case=case: results.__setitem__(k, stream_case(address, k, case, 0.6))
-                          for k, case in enumerate(good)))
+    results = in_threads(1 + len(good), lambda k: stream_case(address, k - 1, good[k - 1], 0.6) if k else run_bad())
     for k, case in enumerate(good):
-        assert_offline(state.models, k, case, results[k])
+        assert_offline(state.models, k, case, results[k + 1])
     unclear = [c for c in codes if c[0] not in (1000, 1003, 1007, 1008, 1009) or not c[1]]
     assert not unclear and len(codes) > 15
     assert state.scheduler.error is None and state.open_streams == 0

@@ -21,7 +21,8 @@ from ray._private import services  # noqa: E402
 from ray.serve._private import api as serve_api  # noqa: E402
 from ray.cluster_utils import Cluster  # noqa: E402
 
-from test_server import CASES, assert_offline, in_threads, stream_case  # noqa: E402
+from signals import in_threads  # noqa: E402
+from test_server import CASES, assert_offline, stream_case  # noqa: E402
 from corvina_tools.server.loadtest import free_port  # noqa: E402
 from corvina_tools.server.ray_deployment import build_app  # noqa: E402
 
@@ -92,7 +93,7 @@ def test_streams_spread_over_two_nodes_and_stay_bit_identical(cluster_address, m
     while running_replicas() < 2 and time.monotonic() < deadline:
         time.sleep(1)
     assert running_replicas() == 2, "no second replica"
-    in_threads(*(stream(k) for k in range(STREAMS_PER_REPLICA, len(CASES))))
+    in_threads(len(CASES) - STREAMS_PER_REPLICA, lambda k: stream(STREAMS_PER_REPLICA + k)())
     hold.set()
     for thread in first:
         thread.join()

@@ -11,7 +11,7 @@ import pytest
 
 import corvina
 from corvina_tools.speech import speech_frames
-from signals import Chain, bits
+from signals import Chain, bits, in_threads
 
 N_THREADS = 6
 N_FRAMES = 30
@@ -29,34 +29,10 @@ def step(models, kind, context, f):
     """Frame f of one model's stream as raw words; the generator's inputs
     are random rows, fixed by f."""
     if kind != "waveform":
-        out = getattr(models, kind)(STREAMS[0][f], context)
-        return bits(out)
+        return bits(getattr(models, kind)(STREAMS[0][f], context))
     rng = np.random.default_rng(f)
     phone, features = rng.standard_normal((1, 256)), rng.standard_normal((1, 4))
     return bits(models.waveform(phone, [40 * f], features, models.speakers[:1], context))
-
-
-def in_threads(count, work):
-    """Runs work(k) on `count` threads started together; returns the results
-    in thread order and re-raises the first exception."""
-    barrier = threading.Barrier(count)
-    results, errors = [None] * count, []
-
-    def body(k):
-        try:
-            barrier.wait()
-            results[k] = work(k)
-        except BaseException as e:  # noqa: BLE001 - handed to the main thread
-            errors.append(e)
-
-    threads = [threading.Thread(target=body, args=(k,)) for k in range(count)]
-    for t in threads:
-        t.start()
-    for t in threads:
-        t.join()
-    if errors:
-        raise errors[0]
-    return results
 
 
 def test_shared_models_match_sequential_runs(models):

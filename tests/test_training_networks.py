@@ -58,8 +58,7 @@ def exported(tmp_path_factory):
 def streamed(call, *sequences):
     """Run a network frame by frame with one state; sequences are [1, T, ...]."""
     state = {}
-    outs = [call(*(s[:, i] for s in sequences), state) for i in range(sequences[0].shape[1])]
-    return outs
+    return [call(*(s[:, i] for s in sequences), state) for i in range(sequences[0].shape[1])]
 
 
 def test_engine_agrees_with_pytorch(exported):

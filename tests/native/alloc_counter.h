@@ -5,6 +5,13 @@
 #include <cstddef>
 #include <cstdint>
 
+namespace alloc_counter {
+inline std::uint64_t& Count() {
+  static std::uint64_t count = 0;
+  return count;
+}
+}  // namespace alloc_counter
+
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 // Under a sanitizer its runtime owns malloc and operator new, and replacing
 // malloc here would hand its blocks to glibc's free: count through the
@@ -13,10 +20,6 @@ extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*on_allocate)(con
                                                          void (*on_free)(const volatile void*));
 
 namespace alloc_counter {
-inline std::uint64_t& Count() {
-  static std::uint64_t count = 0;
-  return count;
-}
 inline void OnAllocate(const volatile void*, std::size_t) { ++Count(); }
 inline void OnFree(const volatile void*) {}
 inline const int kHooked = __sanitizer_install_malloc_and_free_hooks(OnAllocate, OnFree);
@@ -29,16 +32,7 @@ void* __libc_calloc(std::size_t, std::size_t);
 void* __libc_realloc(void*, std::size_t);
 void* __libc_memalign(std::size_t, std::size_t);
 void __libc_free(void*);
-}
 
-namespace alloc_counter {
-inline std::uint64_t& Count() {
-  static std::uint64_t count = 0;
-  return count;
-}
-}  // namespace alloc_counter
-
-extern "C" {
 void* malloc(std::size_t size) {
   ++alloc_counter::Count();
   return __libc_malloc(size);

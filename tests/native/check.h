@@ -46,14 +46,6 @@ inline unsigned Seed() {
   static check::Register CHECK_CONCAT(register_, name)(#name, name);            \
   static void name()
 
-#define CHECK(condition)                                                        \
-  do {                                                                          \
-    if (!(condition)) {                                                         \
-      std::printf("%s:%d: CHECK failed: %s\n", __FILE__, __LINE__, #condition); \
-      ++check::Failures();                                                      \
-    }                                                                           \
-  } while (0)
-
 #define CHECK_MSG(condition, ...)                                               \
   do {                                                                          \
     if (!(condition)) {                                                         \
@@ -63,6 +55,7 @@ inline unsigned Seed() {
       ++check::Failures();                                                      \
     }                                                                           \
   } while (0)
+#define CHECK(condition) CHECK_MSG(condition, "%s", "")
 
 #define CHECK_MAIN                                                              \
   int main() {                                                                  \

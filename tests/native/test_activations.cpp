@@ -2,9 +2,6 @@
 // against their formulas, past the clamps, and the phase pairs' spectra.
 // (Each vector set equals the scalar definitions bit for bit: test_kernel_sets.)
 #include <cmath>
-#include <cstring>
-#include <iterator>
-#include <memory>
 #include <random>
 #include <vector>
 

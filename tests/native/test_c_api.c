@@ -17,38 +17,29 @@ static int failures = 0;
 static int is_aligned(const void* p) { return ((size_t)p % 64) == 0; }
 
 int main(int argc, char** argv) {
-  CorvinaPhoneExtractor* phone;
-  CorvinaPitchEstimator* pitch;
-  CorvinaWaveformGenerator* waveform;
-  CorvinaPhoneContext1* phone_context;
-  CorvinaPitchContext1* pitch_context;
-  CorvinaWaveformContext1* waveform_context;
+  CorvinaPhoneExtractor* phone = Corvina_CreatePhoneExtractor();
+  CorvinaPitchEstimator* pitch = Corvina_CreatePitchEstimator();
+  CorvinaWaveformGenerator* waveform = Corvina_CreateWaveformGenerator();
+  CorvinaPhoneContext1* phone_context = Corvina_CreatePhoneContext1();
+  CorvinaPitchContext1* pitch_context = Corvina_CreatePitchContext1();
+  CorvinaWaveformContext1* waveform_context = Corvina_CreateWaveformContext1();
   const char* path = argc > 1 ? argv[1] : "c_api_phone.bin";
-  FILE* file;
+  FILE* file = fopen(path, "wb");
+  int32_t n = -1;
   long i;
 
-  phone = Corvina_CreatePhoneExtractor();
-  pitch = Corvina_CreatePitchEstimator();
-  waveform = Corvina_CreateWaveformGenerator();
-  phone_context = Corvina_CreatePhoneContext1();
-  pitch_context = Corvina_CreatePitchContext1();
-  waveform_context = Corvina_CreateWaveformContext1();
   EXPECT(phone && pitch && waveform && phone_context && pitch_context && waveform_context);
   EXPECT(is_aligned(phone) && is_aligned(pitch) && is_aligned(waveform));
   EXPECT(is_aligned(phone_context) && is_aligned(pitch_context) && is_aligned(waveform_context));
 
   /* A parameter file of the exact size, all zero halves, is read in full. */
-  file = fopen(path, "wb");
   EXPECT(file != NULL);
   if (file) {
     for (i = 0; i < CORVINA_PHONE_EXTRACTOR_PARAMETER_BYTES; ++i) fputc(0, file);
     fclose(file);
     EXPECT(Corvina_ReadPhoneExtractorParameters(phone, path) == 0);
   }
-  {
-    int32_t n = -1;
-    EXPECT(Corvina_ReadNSpeakers(path, &n) == 1 && n == -1); /* not a multiple of 512 */
-  }
+  EXPECT(Corvina_ReadNSpeakers(path, &n) == 1 && n == -1); /* not a multiple of 512 */
 
   Corvina_DestroyPhoneExtractor(phone);
   Corvina_DestroyPitchEstimator(pitch);

@@ -1,8 +1,6 @@
-// The exported one-frame calls of the three models: each writes exactly its
-// outputs, only reads its model block, and a steady-state frame allocates
-// nothing of its own (only the FFT library's working buffers). What they
-// compute is compared with the scalar definitions in test_golden_chain and
-// with the float64 references in the Python tests.
+// The exported one-frame calls: each writes exactly its outputs, only reads
+// its model block, and a steady-state frame allocates only the FFT library's
+// working buffers. What they compute: test_golden_chain and the references.
 #include <cstdint>
 #include <cstdlib>
 #include <vector>
@@ -20,16 +18,12 @@ using namespace test_support;
 
 namespace {
 
-// One frame's inputs with the entry point's table of four references.
+// One frame's inputs to the waveform generator.
 struct FrameInputs {
   alignas(64) float phone[kChannels];
   alignas(64) float pitch_features[CORVINA_PITCH_FEATURES];
   alignas(64) float speaker[kChannels];
   std::int32_t pitch_bin = 0;
-  const void* table[4];
-
-  FrameInputs() : table{speaker, pitch_features, &pitch_bin, phone} {}
-  FrameInputs(const FrameInputs&) = delete;
 
   void Randomize(Rng& rng) {
     FillFloats(phone, kChannels, 1.0f, rng);

@@ -1,8 +1,6 @@
-// The whole chain (phone extractor, pitch estimator, waveform generator) on
-// fixed random weights and a fixed speech-like input for 200 frames: every
-// kernel set this processor supports, run through the C interface, against
-// the chain built from the scalar kernel definitions, bit for bit. A kernel
-// change that alters any rounding anywhere shows up here.
+// The whole chain on fixed random weights and speech-like input for 200
+// frames, through the C interface on every supported kernel set, against the
+// chain built from the scalar definitions, bit for bit: any changed rounding shows.
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -38,6 +36,35 @@ struct Models {
   Block<PhoneExtractorBlock> phone;
   Block<PitchEstimatorBlock> pitch;
   Block<WaveformGeneratorBlock> waveform;
+  const auto* Phone() const { return reinterpret_cast<const CorvinaPhoneExtractor*>(phone.get()); }
+  const auto* Pitch() const { return reinterpret_cast<const CorvinaPitchEstimator*>(pitch.get()); }
+  const auto* Waveform() const { return reinterpret_cast<const CorvinaWaveformGenerator*>(waveform.get()); }
+};
+
+// Streams with contexts of their own, run frame by frame through the one-stream calls.
+struct StreamSet {
+  std::vector<CorvinaPhoneContext1*> phone;
+  std::vector<CorvinaPitchContext1*> pitch;
+  std::vector<CorvinaWaveformContext1*> waveform;
+  explicit StreamSet(int n) {
+    for (int s = 0; s < n; ++s) {
+      phone.push_back(Corvina_CreatePhoneContext1());
+      pitch.push_back(Corvina_CreatePitchContext1());
+      waveform.push_back(Corvina_CreateWaveformContext1());
+    }
+  }
+  ~StreamSet() {
+    for (std::size_t s = 0; s < phone.size(); ++s) {
+      Corvina_DestroyPhoneContext1(phone[s]);
+      Corvina_DestroyPitchContext1(pitch[s]);
+      Corvina_DestroyWaveformContext1(waveform[s]);
+    }
+  }
+  void Frame(const Models& m, int s, const float* x, const float* speaker, FrameOutputs& o) {
+    Corvina_ExtractPhone1(m.Phone(), x, o.phone, phone[s]);
+    Corvina_EstimatePitch1(m.Pitch(), x, &o.pitch_bin, o.pitch_features, pitch[s]);
+    Corvina_GenerateWaveform1(m.Waveform(), o.phone, &o.pitch_bin, o.pitch_features, speaker, o.samples, waveform[s]);
+  }
 };
 
 // The chain from the definitions, composed as the C interface composes it.
@@ -63,24 +90,9 @@ std::vector<FrameOutputs> ScalarChain(const Models& m, const std::vector<float>&
 }
 
 std::vector<FrameOutputs> InterfaceChain(const Models& m, const std::vector<float>& signal, const float* speaker) {
-  auto* phone_model = reinterpret_cast<const CorvinaPhoneExtractor*>(m.phone.get());
-  auto* pitch_model = reinterpret_cast<const CorvinaPitchEstimator*>(m.pitch.get());
-  auto* waveform_model = reinterpret_cast<const CorvinaWaveformGenerator*>(m.waveform.get());
-  CorvinaPhoneContext1* phone = Corvina_CreatePhoneContext1();
-  CorvinaPitchContext1* pitch = Corvina_CreatePitchContext1();
-  CorvinaWaveformContext1* waveform = Corvina_CreateWaveformContext1();
+  StreamSet stream(1);
   std::vector<FrameOutputs> out(kFrames);
-  for (int f = 0; f < kFrames; ++f) {
-    const float* x = signal.data() + static_cast<std::size_t>(f) * kHop;
-    FrameOutputs& o = out[f];
-    Corvina_ExtractPhone1(phone_model, x, o.phone, phone);
-    Corvina_EstimatePitch1(pitch_model, x, &o.pitch_bin, o.pitch_features, pitch);
-    Corvina_GenerateWaveform1(waveform_model, o.phone, &o.pitch_bin, o.pitch_features, speaker, o.samples,
-                              waveform);
-  }
-  Corvina_DestroyWaveformContext1(waveform);
-  Corvina_DestroyPitchContext1(pitch);
-  Corvina_DestroyPhoneContext1(phone);
+  for (int f = 0; f < kFrames; ++f) stream.Frame(m, 0, signal.data() + static_cast<std::size_t>(f) * kHop, speaker, out[f]);
   return out;
 }
 
@@ -145,26 +157,6 @@ TEST(every_kernel_set_reproduces_the_scalar_chain_bit_for_bit) {
 // same streams run through the batched calls, a frame of all present streams
 // per call: every batch size from 1 to more than one internal group of
 // kMaxBatch, streams joining and leaving, the order changing every frame.
-struct StreamSet {
-  std::vector<CorvinaPhoneContext1*> phone;
-  std::vector<CorvinaPitchContext1*> pitch;
-  std::vector<CorvinaWaveformContext1*> waveform;
-  explicit StreamSet(int n) {
-    for (int s = 0; s < n; ++s) {
-      phone.push_back(Corvina_CreatePhoneContext1());
-      pitch.push_back(Corvina_CreatePitchContext1());
-      waveform.push_back(Corvina_CreateWaveformContext1());
-    }
-  }
-  ~StreamSet() {
-    for (std::size_t s = 0; s < phone.size(); ++s) {
-      Corvina_DestroyPhoneContext1(phone[s]);
-      Corvina_DestroyPitchContext1(pitch[s]);
-      Corvina_DestroyWaveformContext1(waveform[s]);
-    }
-  }
-};
-
 constexpr int kStreams = 19;
 constexpr int kBatchFrames = 40;
 
@@ -175,9 +167,9 @@ TEST(batched_calls_give_every_stream_its_one_stream_outputs_on_every_kernel_set)
   Rng rng(check::Seed() + 7);
   Models models{RandomPhoneModel(check::Seed() + 7), RandomPitchModel(check::Seed() + 8),
                 RandomWaveformModel(check::Seed() + 9)};
-  auto* phone_model = reinterpret_cast<const CorvinaPhoneExtractor*>(models.phone.get());
-  auto* pitch_model = reinterpret_cast<const CorvinaPitchEstimator*>(models.pitch.get());
-  auto* waveform_model = reinterpret_cast<const CorvinaWaveformGenerator*>(models.waveform.get());
+  const auto* phone_model = models.Phone();
+  const auto* pitch_model = models.Pitch();
+  const auto* waveform_model = models.Waveform();
   const std::vector<float> signal = SpeechLikeSignal(kFrames, check::Seed() + 10);
   const std::vector<float> speakers = RandomFloats(kStreams * kChannels, 0.5f, rng);
   // Stream s hears the signal from its own starting frame, at its own level.
@@ -212,12 +204,8 @@ TEST(batched_calls_give_every_stream_its_one_stream_outputs_on_every_kernel_set)
       for (int k = 0; k < n; ++k) {
         const int s = members[k];
         input(x[s], s, f);
-        FrameOutputs& o = one[s];
         const float* speaker = speakers.data() + s * kChannels;
-        Corvina_ExtractPhone1(phone_model, x[s].data(), o.phone, single.phone[s]);
-        Corvina_EstimatePitch1(pitch_model, x[s].data(), &o.pitch_bin, o.pitch_features, single.pitch[s]);
-        Corvina_GenerateWaveform1(waveform_model, o.phone, &o.pitch_bin, o.pitch_features, speaker, o.samples,
-                                  single.waveform[s]);
+        single.Frame(models, s, x[s].data(), speaker, one[s]);
         in[k] = x[s].data();
         phone_out[k] = many[s].phone;
         bin_out[k] = &many[s].pitch_bin;

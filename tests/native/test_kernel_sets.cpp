@@ -1,13 +1,10 @@
 // Every vector kernel set (avx2, and avx512 where the processor has it)
-// against the scalar definitions, bit for bit, kernel by kernel, one table of
-// entry points per set: every matrix shape the networks use and the odd ones
-// (one input, one panel), the batched sweeps for every tap count up to the
-// limit and every batch size, the fused product-and-GELU, and the short
-// kernels on values a stream of order-one activations never reaches (past the
-// +-88 clamps). Weights are random bit patterns, subnormal halves included.
-// The layers built on these (streaming rings, the phone front end, the
-// dilated convolutions) are compared within the whole networks in
-// test_golden_chain. Last, the processor check that chooses among the sets.
+// against the scalar definitions, bit for bit, kernel by kernel: every matrix
+// shape the networks use and the odd ones, the batched sweeps for every tap
+// count and batch size, the fused product-and-GELU, and the short kernels past
+// the +-88 clamps. Weights are random bit patterns, subnormal halves included.
+// Layers built on these are compared in test_golden_chain. Last, the processor
+// check that chooses among the sets.
 #include <cstdio>
 #include <cstring>
 #include <vector>
@@ -23,9 +20,6 @@
 using namespace test_support;
 
 namespace {
-
-// Finite halves of random bit patterns with magnitudes below 4, subnormals included.
-void RandomHalves(f16* out, std::size_t n, Rng& rng) { test_support::RandomHalves(out, n, rng, 16); }
 
 // One vector set's entry points, so each check runs over every supported set.
 struct FastBuild {
@@ -68,10 +62,8 @@ struct Weights {
 
 }  // namespace
 
-// The fast GELU takes its tanh from a vector build of the library's
-// algorithm (where the load-time check allowed it): over values of every
-// exponent, specials included, and a fine ramp over the range that matters,
-// it must equal the definition's library call bit for bit.
+// The fast GELU (its tanh a vector build of the library's, where the load-time
+// check allowed it) equals the definition bit for bit: every exponent, specials, a fine ramp.
 TEST(gelu_matches_the_definition_over_the_whole_float_range) {
   Rng rng(check::Seed());
   std::vector<float> x(1 << 20);
@@ -104,25 +96,26 @@ TEST(matrix_products_match_for_every_shape) {
       const int outputs = shape[0], inputs = shape[1];
       Weights weight(static_cast<std::size_t>(outputs) * inputs);
       std::vector<f16> bias(outputs), next(4096);
-      RandomHalves(weight.data, static_cast<std::size_t>(outputs) * inputs, rng);
-      RandomHalves(bias.data(), bias.size(), rng);
+      RandomHalves(weight.data, static_cast<std::size_t>(outputs) * inputs, rng, 16);
+      RandomHalves(bias.data(), bias.size(), rng, 16);
       const std::vector<float> x = RandomFloats(inputs, 2.0f, rng);
       const std::vector<float> start = RandomFloats(outputs, 2.0f, rng);
       std::vector<float> expected(outputs), got(outputs);
+      const auto same = [&](const char* what) {
+        CHECK_MSG(SameBits(expected.data(), got.data(), outputs * sizeof(float)), "%s %s %d x %d", build.name, what,
+                  outputs, inputs);
+      };
       scalar::PanelProduct(weight.data, bias.data(), x.data(), expected.data(), outputs, inputs);
       build.panel_product(weight.data, bias.data(), x.data(), got.data(), outputs, inputs);
-      CHECK_MSG(SameBits(expected.data(), got.data(), outputs * sizeof(float)), "%s product %d x %d", build.name,
-                outputs, inputs);
+      same("product");
       expected = start, got = start;
       scalar::PanelAccumulate(weight.data, x.data(), expected.data(), outputs, inputs);
       build.panel_accumulate(weight.data, x.data(), got.data(), outputs, inputs);
-      CHECK_MSG(SameBits(expected.data(), got.data(), outputs * sizeof(float)), "%s accumulate %d x %d", build.name,
-                outputs, inputs);
+      same("accumulate");
       scalar::PanelProductGelu(weight.data, bias.data(), x.data(), expected.data(), outputs, inputs, nullptr, 0);
       build.panel_product_gelu(weight.data, bias.data(), x.data(), got.data(), outputs, inputs, next.data(),
                                next.size());
-      CHECK_MSG(SameBits(expected.data(), got.data(), outputs * sizeof(float)), "%s product + GELU %d x %d",
-                build.name, outputs, inputs);
+      same("product + GELU");
     }
   });
 }
@@ -134,7 +127,7 @@ TEST(batched_sweeps_match_for_every_tap_count_and_batch_size) {
   Rng rng(check::Seed());
   constexpr int kOutputs = 64, kInputs = 48, kTaps = 11, kRows = kTaps * kMaxBatch;
   Weights weight(static_cast<std::size_t>(kTaps) * kOutputs * kInputs);
-  RandomHalves(weight.data, static_cast<std::size_t>(kTaps) * kOutputs * kInputs, rng);
+  RandomHalves(weight.data, static_cast<std::size_t>(kTaps) * kOutputs * kInputs, rng, 16);
   std::vector<std::vector<float>> inputs;
   for (int r = 0; r < kRows; ++r) inputs.push_back(RandomFloats(kInputs, 2.0f, rng));
   const std::vector<float> start = RandomFloats(kOutputs, 2.0f, rng);
@@ -170,10 +163,8 @@ std::vector<float> ActivationInputs(Rng& rng, std::size_t n) {
   return v;
 }
 
-// The short kernels of one set (short_kernels_avx2.inc in both vector sets)
-// whose results depend on the range of their inputs; the plain sums and
-// widenings (AddInPlace, MeanOfThree, AddBias, WidenHalves) run on every
-// frame of test_golden_chain.
+// The short kernels of one set whose results depend on their inputs' range;
+// the plain sums and widenings run on every frame of test_golden_chain.
 #define CHECK_SHORT_KERNELS(ns)                                                                                  \
   do {                                                                                                           \
     const char* name = #ns;                                                                                      \

@@ -3,7 +3,6 @@
 // be traced; expected positions are computed here from the tensor lists,
 // independently of the readers.
 #include <cstdint>
-#include <cstdio>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -88,6 +87,17 @@ struct TensorList {
   void Dense(int out, int in) { Add(kPanel32, out, in), Vector(out); }
 };
 
+// Writes random words as `name`'s file, reads it into `model` and checks that
+// every tensor of `list` lands in place and the list covers the file.
+template <typename Model>
+std::vector<std::uint16_t> ReadAndCheck(Model* model, int (*read)(Model*, const char*), std::size_t bytes,
+                                        unsigned seed, const char* name, const TensorList& list) {
+  const auto file = RandomWords(bytes / 2, seed);
+  CHECK(read(model, WriteFile(file, name).c_str()) == 0);
+  CHECK(CheckTensors(list.tensors, file, reinterpret_cast<const std::uint8_t*>(model)) * 2 == bytes);
+  return file;
+}
+
 void AddResidualConvBlock(TensorList& list, int channels, int hidden, int taps) {
   list.Add(kTapMajor, channels, 1, taps), list.Vector(channels);
   list.Dense(hidden, channels), list.Dense(channels, hidden);
@@ -110,12 +120,10 @@ TEST(phone_extractor_tensors_land_in_place) {
   list.Dense(256, 256);
   CHECK(list.offset == 10847744);
 
-  const auto file = RandomWords(CORVINA_PHONE_EXTRACTOR_PARAMETER_BYTES / 2, check::Seed());
-  const std::string path = WriteFile(file, "phone");
   auto* model = Corvina_CreatePhoneExtractor();
-  CHECK(Corvina_ReadPhoneExtractorParameters(model, path.c_str()) == 0);
+  const auto file = ReadAndCheck(model, Corvina_ReadPhoneExtractorParameters,
+                                 CORVINA_PHONE_EXTRACTOR_PARAMETER_BYTES, check::Seed(), "phone", list);
   const auto* block = reinterpret_cast<const std::uint8_t*>(model);
-  CHECK(CheckTensors(list.tensors, file, block) * 2 == CORVINA_PHONE_EXTRACTOR_PARAMETER_BYTES);
   for (std::size_t gap : {640, 13056 - 64, 62272 - 64, 258944 - 64, 652224 - 64, 914432 - 64})
     CHECK(AllZero(block + gap, 64));
 
@@ -125,7 +133,7 @@ TEST(phone_extractor_tensors_land_in_place) {
 
   // Reading the same file again changes nothing.
   std::vector<std::uint8_t> first(block, block + sizeof(corvina::PhoneExtractorBlock));
-  Corvina_ReadPhoneExtractorParameters(model, path.c_str());
+  Corvina_ReadPhoneExtractorParameters(model, WriteFile(file, "phone").c_str());
   CHECK(std::equal(first.begin(), first.end(), block));
   Corvina_DestroyPhoneExtractor(model);
 }
@@ -140,12 +148,10 @@ TEST(pitch_estimator_tensors_land_in_place) {
   list.Dense(384, 192);
   CHECK(list.offset == 3434176);
 
-  const auto file = RandomWords(CORVINA_PITCH_ESTIMATOR_PARAMETER_BYTES / 2, check::Seed() + 1);
-  const std::string path = WriteFile(file, "pitch");
   auto* model = Corvina_CreatePitchEstimator();
-  CHECK(Corvina_ReadPitchEstimatorParameters(model, path.c_str()) == 0);
+  const auto file = ReadAndCheck(model, Corvina_ReadPitchEstimatorParameters,
+                                 CORVINA_PITCH_ESTIMATOR_PARAMETER_BYTES, check::Seed() + 1, "pitch", list);
   const auto* block = reinterpret_cast<const std::uint8_t*>(model);
-  CHECK(CheckTensors(list.tensors, file, block) * 2 == CORVINA_PITCH_ESTIMATOR_PARAMETER_BYTES);
   CHECK(AllZero(block, 64));
   // Tensor 1, output r = 5 of tile 0, input k = 7: block position 64 + 2 (k 32 + r).
   CHECK(reinterpret_cast<const std::uint16_t*>(block + 64)[7 * 32 + 5] == file[5 * 192 + 7]);
@@ -173,7 +179,6 @@ TEST(waveform_generator_tensors_land_in_place_and_tables_stay) {
   CHECK(list.offset == CORVINA_WAVEFORM_GENERATOR_PARAMETER_BYTES + 64);
 
   auto* model = Corvina_CreateWaveformGenerator();
-  const auto* block = reinterpret_cast<const std::uint8_t*>(model);
   const auto* layout = reinterpret_cast<const corvina::WaveformGeneratorBlock*>(model);
   const std::uint32_t window[16] = {0,          0x3D1BE50C, 0x3E15F61A, 0x3E9E0875, 0x3F000000, 0x3F30FBC5,
                                     0x3F5A827A, 0x3F7641AF, 0x3F800000, 0x3F7641AF, 0x3F5A827A, 0x3F30FBC5,
@@ -187,10 +192,8 @@ TEST(waveform_generator_tensors_land_in_place_and_tables_stay) {
   };
   check_tables();
 
-  const auto file = RandomWords(CORVINA_WAVEFORM_GENERATOR_PARAMETER_BYTES / 2, check::Seed() + 2);
-  const std::string path = WriteFile(file, "waveform");
-  CHECK(Corvina_ReadWaveformGeneratorParameters(model, path.c_str()) == 0);
-  CHECK(CheckTensors(list.tensors, file, block) * 2 == CORVINA_WAVEFORM_GENERATOR_PARAMETER_BYTES);
+  const auto file = ReadAndCheck(model, Corvina_ReadWaveformGeneratorParameters,
+                                 CORVINA_WAVEFORM_GENERATOR_PARAMETER_BYTES, check::Seed() + 2, "waveform", list);
   check_tables();
   // Pitch bin b selects the 256 halves that start at half 65792 + 256 b of the file.
   for (int b : {0, 1, 200, 383})
@@ -206,9 +209,7 @@ TEST(fresh_contexts_are_zero_and_aligned) {
   auto* phone = Corvina_CreatePhoneContext1();
   auto* pitch = Corvina_CreatePitchContext1();
   auto* waveform = Corvina_CreateWaveformContext1();
-  CHECK(zero(phone, 230976));
-  CHECK(zero(pitch, 184768));
-  CHECK(zero(waveform, 419648));
+  CHECK(zero(phone, 230976) && zero(pitch, 184768) && zero(waveform, 419648));
   Corvina_DestroyPhoneContext1(phone);
   Corvina_DestroyPitchContext1(pitch);
   Corvina_DestroyWaveformContext1(waveform);

@@ -1,8 +1,6 @@
-// The pitch decoder on crafted scores: bin 0 kept apart, tie rules, and the
-// octave gates at windows 96/97 and 240/241; and the rounding corner of the
-// front end's running-energy form and its inline hypotf. (The front end's FFT correlation, lag
-// features and loudness are compared with the float64 reference, which sums
-// directly.)
+// The pitch decoder on crafted scores: bin 0 kept apart, tie rules, the octave
+// gates at windows 96/97 and 240/241; the front end's running-energy rounding
+// corner and its inline hypotf (the rest of it: the float64 reference).
 #include <cmath>
 #include <cstdint>
 #include <cstring>

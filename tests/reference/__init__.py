@@ -1,7 +1,3 @@
-"""Independent float64 models used to check the engine.
-
-Each module here computes a whole stream at once (convolutions over the
-entire sequence, recurrences as plain loops) instead of the engine's
-frame-by-frame rings, so that a wrong tap order or ring position in the
-engine shows up as a large disagreement.
-"""
+"""Independent float64 models of the engine, each computing a whole stream at
+once (not the engine's frame-by-frame rings), so that a wrong tap order or
+ring position shows up as a large disagreement."""
